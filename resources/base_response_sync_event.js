@@ -1,0 +1,7 @@
+{
+  "jsonrpc": "2.0",
+  "id": "",
+  "result": {
+    "status": "ok"
+  }
+}

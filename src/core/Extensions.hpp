@@ -1,0 +1,32 @@
+#pragma once
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vntr {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+/// The wire timestamp: 14 digits "yyyyMMddHHmmss" in GMT, for example 20191104153012.
+std::string timestamp(TimePoint date);
+
+/// Seconds since 2001-01-01 00:00:00 UTC, the unit of stored creation times and of expiry.
+double referenceDateSeconds(TimePoint date);
+TimePoint fromReferenceDateSeconds(double seconds);
+
+/// The bytes of a resource shipped with the library, looked up by its full file name
+/// ("SyncEventBase.js"); nothing when there is no such resource. Never logs.
+std::optional<std::string> dataFromResourceNamed(std::string_view name);
+
+/// The top-level JSON object of a resource shipped with the library; nothing (after one
+/// `error` line) when it is missing, is not JSON or is not an object.
+std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name);
+
+/// Loads a template the library cannot work without; a missing one means a broken build, so
+/// this writes one fatal line to stderr and aborts.
+nlohmann::json requiredTemplate(std::string_view name);
+
+}  // namespace vntr

@@ -1,0 +1,75 @@
+#include "core/VNTRDebug.hpp"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+
+#include "core/MainQueue.hpp"
+
+namespace vntr {
+
+void detail::deliverLog(VantrelLogLevel level, std::vector<std::string> strings) {
+  mainQueue().post([level, strings = std::move(strings)] {
+    const auto callback = VNTRPreferences::sharedPreferences().loggingCallback();
+    try {
+      (*callback)(level, strings);
+    } catch (...) {
+      // A host callback that throws loses its own message; the main queue carries on.
+    }
+  });
+}
+
+std::string formatLogLine(VantrelLogLevel level, const std::vector<std::string>& strings) {
+  std::string line = "[";
+  line += level.description();
+  line += "] ";
+  for (size_t i = 0; i < strings.size(); ++i) {
+    if (i > 0) line += ',';
+    line += strings[i];
+  }
+  return line;
+}
+
+namespace {
+
+// "2026-11-22 03:10:00.123 name[pid] ", like the platform's system logger.
+std::string linePrefix() {
+  const auto now = std::chrono::system_clock::now();
+  const auto seconds = std::chrono::system_clock::to_time_t(now);
+  const auto millis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char stamp[32];
+  const size_t n = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+  std::string prefix(stamp, n);
+  char fraction[8];
+  std::snprintf(fraction, sizeof fraction, ".%03d ", static_cast<int>(millis));
+  prefix += fraction;
+  prefix += program_invocation_short_name;
+  prefix += '[';
+  prefix += std::to_string(getpid());
+  prefix += "] ";
+  return prefix;
+}
+
+}  // namespace
+
+void VNTRLog(VantrelLogLevel log_level, const std::vector<std::string>& strings) {
+  if (VNTRPreferences::sharedPreferences().logLevel().rawValue() < log_level.rawValue()) return;
+  // The message is written as data, never used as a format string.
+  std::string line = linePrefix() + formatLogLine(log_level, strings) + '\n';
+  const char* data = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    const ssize_t written = ::write(STDERR_FILENO, data, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+}
+
+}  // namespace vntr
