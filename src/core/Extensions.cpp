@@ -59,6 +59,42 @@ std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name) {
   return parsed;
 }
 
+bool isValidUTF8(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    size_t extra = 0;
+    uint32_t point = 0;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      extra = 1;
+      point = c & 0x1Fu;
+    } else if ((c & 0xF0) == 0xE0) {
+      extra = 2;
+      point = c & 0x0Fu;
+    } else if ((c & 0xF8) == 0xF0) {
+      extra = 3;
+      point = c & 0x07u;
+    } else {
+      return false;
+    }
+    if (i + extra >= text.size()) return false;  // truncated sequence
+    for (size_t k = 1; k <= extra; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      point = (point << 6) | (next & 0x3Fu);
+    }
+    static constexpr uint32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+    if (point < kMinimum[extra] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) {
+      return false;
+    }
+    i += extra + 1;
+  }
+  return true;
+}
+
 nlohmann::json requiredTemplate(std::string_view name) {
   auto dictionary = dictionaryFromJSFileNamed(name);
   if (!dictionary) {

@@ -25,6 +25,9 @@ std::optional<std::string> dataFromResourceNamed(std::string_view name);
 /// `error` line) when it is missing, is not JSON or is not an object.
 std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name);
 
+/// True when `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
+bool isValidUTF8(std::string_view text);
+
 /// Loads a template the library cannot work without; a missing one means a broken build, so
 /// this writes one fatal line to stderr and aborts.
 nlohmann::json requiredTemplate(std::string_view name);

@@ -50,7 +50,8 @@ void reportStatistic(VNTRStatistic statistic, int64_t adjustment) {
   try {
     delegate->notifyForStatistic(statistic.rawValue(), adjustment);
   } catch (const std::exception& e) {
-    Debug(VantrelLogLevel::error, "Delegate threw while notified of a statistic: ", e.what());
+    Debug(VantrelLogLevel::error,
+          std::string("Delegate threw while notified of a statistic: ") + e.what());
   } catch (...) {
     Debug(VantrelLogLevel::error, "Delegate threw while notified of a statistic");
   }
