@@ -1,0 +1,430 @@
+#include "transport/HTTPClient.hpp"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "core/VNTRDebug.hpp"
+
+namespace vntr {
+namespace {
+
+constexpr long kURLErrorCode = 9999;
+constexpr const char* kURLErrorDomain = "URL Error";
+constexpr const char* kURLErrorDescription = "URL could not be formed from string";
+constexpr const char* kCurlErrorDomain = "CURL";
+constexpr const char* kShutDownDescription = "The HTTP client was shut down";
+
+// Only an upper bound: curl shortens the wait for its own timers, and new work wakes the thread,
+// so an idle client costs nothing but this occasional turn.
+constexpr int kPollMilliseconds = 30'000;
+constexpr size_t kMaxIdleHandles = 8;
+constexpr long kMaxRedirects = 10;
+constexpr long kMaxHostConnections = 6;
+// Long enough to mean "never" for a batch, short enough to stay far from overflowing a long.
+constexpr double kMaxTimeoutSeconds = 7 * 24 * 3600.0;
+
+// Trivially destructible, so it is safe at namespace scope in a library that is never torn down.
+std::once_flag curlGlobalInitFlag;
+
+void initializeCurlOnce() {
+  // Never paired with curl_global_cleanup: the host may use libcurl too, and our thread may still
+  // run while the process exits.
+  std::call_once(curlGlobalInitFlag, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+struct ParsedURL {
+  std::string url;  // as normalised by curl's parser, which is what will be requested
+  bool isHTTPS = false;
+};
+
+/// Parses `text` with curl's URL parser, which requires a scheme it supports. An embedded NUL
+/// would silently cut the string short, so it makes the URL unformable too.
+std::optional<ParsedURL> parseURL(const std::string& text) {
+  if (text.empty() || text.find('\0') != std::string::npos) return std::nullopt;
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), curl_url_cleanup);
+  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  char* url = nullptr;
+  char* scheme = nullptr;
+  std::optional<ParsedURL> parsed;
+  if (curl_url_get(handle.get(), CURLUPART_URL, &url, 0) == CURLUE_OK &&
+      curl_url_get(handle.get(), CURLUPART_SCHEME, &scheme, 0) == CURLUE_OK) {
+    parsed = ParsedURL{url, std::string_view(scheme) == "https"};
+  }
+  curl_free(url);
+  curl_free(scheme);
+  return parsed;
+}
+
+long timeoutMilliseconds(double seconds) {
+  if (!std::isfinite(seconds) || seconds <= 0) seconds = VNTRPreferences::kDefaultRequestTimeout;
+  seconds = std::min(seconds, kMaxTimeoutSeconds);
+  // At least 1 ms: curl reads 0 as "no timeout at all".
+  return std::max(1L, static_cast<long>(std::ceil(seconds * 1000.0)));
+}
+
+HTTPError curlError(CURLcode code, const char* description) {
+  return HTTPError{kCurlErrorDomain, static_cast<long>(code), description};
+}
+
+struct Request {
+  bool isPost = true;
+  ParsedURL url;
+  std::string body;
+  long timeoutMs = 0;
+  HTTPCompletion completion;
+};
+
+/// One transfer in flight; owned by the transport thread, pointed to by its easy handle.
+struct Transfer {
+  explicit Transfer(Request r) : request(std::move(r)) {}
+  Request request;
+  std::string data;
+  bool tooLarge = false;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+};
+
+/// Runs a completion so that nothing it throws can reach the transport thread's loop.
+void deliver(HTTPCompletion& completion, std::optional<std::string> data,
+             std::optional<HTTPURLResponse> response, std::optional<HTTPError> error) noexcept {
+  if (!completion) return;
+  try {
+    completion(std::move(data), std::move(response), std::move(error));
+  } catch (const std::exception& e) {
+    Debug(VantrelLogLevel::error,
+          std::string("Unexpected exception on a library thread: ") + e.what());
+  } catch (...) {
+    Debug(VantrelLogLevel::error, "Unexpected exception on a library thread");
+  }
+}
+
+size_t writeBody(char* bytes, size_t size, size_t count, void* userdata) noexcept {
+  auto* transfer = static_cast<Transfer*>(userdata);
+  const size_t n = size * count;
+  // Returning fewer bytes than offered makes curl abort the transfer.
+  if (n > HTTPClient::kMaxResponseBytes - transfer->data.size()) {
+    transfer->tooLarge = true;
+    return 0;
+  }
+  try {
+    transfer->data.append(bytes, n);
+  } catch (...) {
+    return 0;
+  }
+  return n;
+}
+
+}  // namespace
+
+struct HTTPClient::State {
+  State() {
+    initializeCurlOnce();
+    multi = curl_multi_init();
+    // Like a browser, a few connections per host at most; further transfers wait for one.
+    if (multi != nullptr)
+      curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    postHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
+    // Without this curl may wait for a "100 Continue" before sending a larger body.
+    if (postHeaders != nullptr) {
+      curl_slist* withExpect = curl_slist_append(postHeaders, "Expect:");
+      if (withExpect != nullptr) postHeaders = withExpect;
+    }
+  }
+  ~State() {
+    for (CURL* easy : idle) curl_easy_cleanup(easy);
+    if (multi != nullptr) curl_multi_cleanup(multi);
+    curl_slist_free_all(postHeaders);
+  }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  bool usable() const { return multi != nullptr && postHeaders != nullptr; }
+
+  /// Queues `request` and wakes the thread; hands it back when the client no longer accepts work.
+  std::optional<Request> enqueue(Request request) {
+    {
+      std::scoped_lock lock(mutex);
+      if (stopping) return request;
+      queue.push_back(std::move(request));
+    }
+    curl_multi_wakeup(multi);
+    return std::nullopt;
+  }
+
+  void requestStop() {
+    {
+      std::scoped_lock lock(mutex);
+      stopping = true;
+    }
+    curl_multi_wakeup(multi);
+  }
+
+  void run() noexcept;
+  void start(Request request);
+  void configure(CURL* easy, Transfer& transfer) const;
+  void collectFinished();
+  void finish(CURL* easy, CURLcode result);
+  void recycle(CURL* easy);
+  void shutDown(std::vector<Request> queued);
+
+  // Created before the thread starts and destroyed after it ends. Only curl_multi_wakeup is
+  // called from other threads (libcurl allows that); everything else on the transport thread.
+  CURLM* multi = nullptr;
+  curl_slist* postHeaders = nullptr;  // immutable after construction
+  std::atomic<long> connectionsOpened{0};
+
+  std::mutex mutex;
+  std::vector<Request> queue;  // guarded by mutex
+  bool stopping = false;       // guarded by mutex
+
+  // Confined to the transport thread.
+  std::unordered_map<CURL*, std::unique_ptr<Transfer>> active;
+  std::vector<CURL*> idle;
+};
+
+void HTTPClient::State::run() noexcept {
+  pthread_setname_np(pthread_self(), "VNTRTransport");
+  for (;;) {
+    std::vector<Request> incoming;
+    bool stop = false;
+    {
+      std::scoped_lock lock(mutex);
+      incoming.swap(queue);
+      stop = stopping;
+    }
+    if (stop) {
+      shutDown(std::move(incoming));
+      return;
+    }
+    try {
+      for (Request& request : incoming) start(std::move(request));
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      collectFinished();
+      // Returns early on socket activity, on curl's own timers, and on curl_multi_wakeup from
+      // enqueue/requestStop; a wakeup sent before this call is not lost.
+      if (curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr) != CURLM_OK) {
+        // Only on resource exhaustion; back off instead of spinning.
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    } catch (const std::exception& e) {
+      Debug(VantrelLogLevel::error,
+            std::string("Unexpected exception on a library thread: ") + e.what());
+    } catch (...) {
+      Debug(VantrelLogLevel::error, "Unexpected exception on a library thread");
+    }
+  }
+}
+
+void HTTPClient::State::start(Request request) {
+  CURL* easy = nullptr;
+  if (!idle.empty()) {
+    easy = idle.back();
+    idle.pop_back();
+  } else {
+    easy = curl_easy_init();
+  }
+  if (easy == nullptr) {
+    deliver(request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_OUT_OF_MEMORY, curl_easy_strerror(CURLE_OUT_OF_MEMORY)));
+    return;
+  }
+  auto transfer = std::make_unique<Transfer>(std::move(request));
+  configure(easy, *transfer);
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
+    recycle(easy);
+    deliver(transfer->request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT)));
+    return;
+  }
+  active.emplace(easy, std::move(transfer));
+}
+
+void HTTPClient::State::configure(CURL* easy, Transfer& transfer) const {
+  const Request& request = transfer.request;
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  // curl speaks many protocols; a server URL of file:// or gopher:// must not reach them.
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+  // A redirect must not move event data from TLS to plain text.
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, request.url.isHTTPS ? "https" : "http,https");
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, request.timeoutMs);
+  // Rejects an announced oversized body before any of it is read; writeBody catches the rest.
+  curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
+                   static_cast<curl_off_t>(HTTPClient::kMaxResponseBytes));
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, writeBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  if (request.isPost) {
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request.body.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, postHeaders);
+  } else {
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  }
+}
+
+void HTTPClient::State::collectFinished() {
+  int remaining = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi, &remaining)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    // The message dies with the handle's removal; copy what is needed first.
+    CURL* easy = message->easy_handle;
+    const CURLcode result = message->data.result;
+    finish(easy, result);
+  }
+}
+
+void HTTPClient::State::finish(CURL* easy, CURLcode result) {
+  auto found = active.find(easy);
+  if (found == active.end()) return;
+  std::unique_ptr<Transfer> transfer = std::move(found->second);
+  active.erase(found);
+  curl_multi_remove_handle(multi, easy);
+
+  long connects = 0;
+  if (curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {
+    connectionsOpened.fetch_add(connects, std::memory_order_relaxed);
+  }
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  char* effectiveURL = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
+  std::string answeringURL = effectiveURL != nullptr ? effectiveURL : transfer->request.url.url;
+  recycle(easy);
+
+  if (transfer->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+    // Abandoned on purpose: the partial body and its status are not a reply to act on.
+    deliver(transfer->request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_FILESIZE_EXCEEDED, curl_easy_strerror(CURLE_FILESIZE_EXCEEDED)));
+    return;
+  }
+  std::optional<std::string> data;
+  if (!transfer->data.empty()) data = std::move(transfer->data);
+  std::optional<HTTPURLResponse> response;
+  if (status > 0) response = HTTPURLResponse{std::move(answeringURL), status};
+  std::optional<HTTPError> error;
+  if (result != CURLE_OK) {
+    error = curlError(result, transfer->errorBuffer[0] != '\0' ? transfer->errorBuffer
+                                                               : curl_easy_strerror(result));
+  }
+  deliver(transfer->request.completion, std::move(data), std::move(response), std::move(error));
+}
+
+void HTTPClient::State::recycle(CURL* easy) {
+  // A reset handle keeps nothing of the last request; connections stay in the multi handle.
+  if (idle.size() < kMaxIdleHandles) {
+    curl_easy_reset(easy);
+    idle.push_back(easy);
+  } else {
+    curl_easy_cleanup(easy);
+  }
+}
+
+void HTTPClient::State::shutDown(std::vector<Request> queued) {
+  std::vector<std::unique_ptr<Transfer>> unfinished;
+  for (auto& [easy, transfer] : active) {
+    curl_multi_remove_handle(multi, easy);
+    curl_easy_cleanup(easy);
+    unfinished.push_back(std::move(transfer));
+  }
+  active.clear();
+  for (auto& transfer : unfinished) {
+    deliver(transfer->request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_ABORTED_BY_CALLBACK, kShutDownDescription));
+  }
+  for (Request& request : queued) {
+    deliver(request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_ABORTED_BY_CALLBACK, kShutDownDescription));
+  }
+}
+
+HTTPClient::HTTPClient(std::function<double()> requestTimeout)
+    : requestTimeout_(std::move(requestTimeout)), state_(std::make_shared<State>()) {
+  if (!requestTimeout_) {
+    requestTimeout_ = [] { return VNTRPreferences::sharedPreferences().requestTimeout(); };
+  }
+  if (state_->usable()) {
+    try {
+      thread_ = std::thread([state = state_] { state->run(); });
+    } catch (const std::system_error&) {
+      // Without a thread every request fails at once; see submit.
+    }
+  }
+  if (!thread_.joinable()) Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
+}
+
+HTTPClient::~HTTPClient() {
+  if (!thread_.joinable()) return;
+  state_->requestStop();
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    // Destroyed from one of its own completions: the thread cannot join itself. It owns a share
+    // of the state and finishes the shutdown on its own right after this completion returns.
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}
+
+void HTTPClient::post(std::string body, const std::string& url, HTTPCompletion completion) {
+  submit(true, std::move(body), url, std::move(completion));
+}
+
+void HTTPClient::get(const std::string& url, HTTPCompletion completion) {
+  submit(false, std::string(), url, std::move(completion));
+}
+
+long HTTPClient::connectionsOpened() const {
+  return state_->connectionsOpened.load(std::memory_order_relaxed);
+}
+
+void HTTPClient::submit(bool isPost, std::string body, const std::string& url,
+                        HTTPCompletion completion) {
+  std::optional<ParsedURL> parsed = parseURL(url);
+  if (!parsed) {
+    if (completion) {
+      completion(std::nullopt, std::nullopt,
+                 HTTPError{kURLErrorDomain, kURLErrorCode, kURLErrorDescription});
+    }
+    return;
+  }
+  if (!thread_.joinable()) {
+    if (completion) {
+      completion(std::nullopt, std::nullopt,
+                 curlError(CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT)));
+    }
+    return;
+  }
+  Request request{isPost, std::move(*parsed), std::move(body),
+                  timeoutMilliseconds(requestTimeout_()), std::move(completion)};
+  if (std::optional<Request> refused = state_->enqueue(std::move(request))) {
+    // Only while shutting down, e.g. a completion that posts again during destruction.
+    deliver(refused->completion, std::nullopt, std::nullopt,
+            curlError(CURLE_ABORTED_BY_CALLBACK, kShutDownDescription));
+  }
+}
+
+}  // namespace vntr
