@@ -1,0 +1,29 @@
+#pragma once
+
+#include <filesystem>
+
+namespace vntr {
+
+/// Where the library finds the host's files and keeps its own.
+struct ProcessPaths {
+  /// Holds "VantrelTagManagerSDKInfo.plist" and "Info.plist"; default: the executable's directory.
+  std::filesystem::path mainBundleDirectory;
+  /// Holds the request queue; default $XDG_DATA_HOME/<app>/. Created (mode 0700) if missing.
+  std::filesystem::path documentsDirectory;
+  /// The standard user defaults; default $XDG_CONFIG_HOME/<app>/UserDefaults.json.
+  std::filesystem::path userDefaultsFile;
+};
+
+/// Host settings, effective only before the first call of `processPaths()` (the library's first
+/// use). Each returns false and changes nothing once the paths are frozen or for an empty path.
+/// Safe on any thread.
+bool setMainBundlePath(std::filesystem::path directory);
+bool setDocumentsDirectory(std::filesystem::path directory);
+bool setUserDefaultsPath(std::filesystem::path file);
+
+/// The process's paths: what the host set, the defaults for the rest. The first call resolves
+/// and freezes them (later setters fail) and creates the documents directory, logging an error
+/// line if it cannot; the returned object is never destroyed or changed. Safe on any thread.
+const ProcessPaths& processPaths();
+
+}  // namespace vntr

@@ -1,0 +1,106 @@
+#include "platform/linux/Paths.hpp"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "platform/linux/PropertyList.hpp"
+
+namespace vntr {
+
+namespace {
+
+constexpr const char* kDeletedSuffix = " (deleted)";
+
+std::optional<std::filesystem::path> absoluteVariable(const EnvironmentLookup& environment,
+                                                      const std::string& name) {
+  auto value = environment(name);
+  if (!value || value->empty() || value->front() != '/') return std::nullopt;
+  return std::filesystem::path(*value);
+}
+
+std::filesystem::path fallbackBase(const std::string& appName) {
+  return std::filesystem::path("/tmp") / (appName + "-" + std::to_string(::getuid()));
+}
+
+std::filesystem::path xdgDirectory(const std::string& variable, const char* homeRelative,
+                                   const std::string& appName,
+                                   const EnvironmentLookup& environment) {
+  if (auto base = absoluteVariable(environment, variable)) return *base / appName;
+  if (auto home = homeDirectory(environment)) return *home / homeRelative / appName;
+  return fallbackBase(appName);
+}
+
+}  // namespace
+
+EnvironmentLookup processEnvironment() {
+  return [](const std::string& name) -> std::optional<std::string> {
+    const char* value = std::getenv(name.c_str());
+    if (value == nullptr || *value == '\0') return std::nullopt;
+    return std::string(value);
+  };
+}
+
+ExecutableLocation runningExecutable() {
+  std::error_code ec;
+  auto target = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (!ec && !target.empty()) {
+    // A program whose file was replaced while running (an update) still reports its old path.
+    std::string text = target.string();
+    const std::string suffix = kDeletedSuffix;
+    if (text.size() > suffix.size() && text.ends_with(suffix)) {
+      text.resize(text.size() - suffix.size());
+      target = text;
+    }
+    return {target.parent_path(), target.filename().string()};
+  }
+  auto current = std::filesystem::current_path(ec);
+  return {ec ? std::filesystem::path(".") : current, program_invocation_short_name};
+}
+
+std::optional<std::string> bundleIdentifierIn(const std::filesystem::path& mainBundleDirectory) {
+  const auto entries = readPropertyListDictionary(mainBundleDirectory / "Info.plist");
+  if (!entries) return std::nullopt;
+  const auto found = entries->find("CFBundleIdentifier");
+  if (found == entries->end()) return std::nullopt;
+  return found->second;
+}
+
+std::string appNameFor(const std::optional<std::string>& bundleIdentifier,
+                       const std::string& executableName) {
+  auto usable = [](const std::string& name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string("/\0", 2)) == std::string::npos;
+  };
+  if (bundleIdentifier && usable(*bundleIdentifier)) return *bundleIdentifier;
+  if (usable(executableName)) return executableName;
+  return "VNTRTagManager";
+}
+
+std::optional<std::filesystem::path> homeDirectory(const EnvironmentLookup& environment) {
+  if (auto home = absoluteVariable(environment, "HOME")) return home;
+  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+  struct passwd entry {};
+  struct passwd* result = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &result) == 0 &&
+      result != nullptr && result->pw_dir != nullptr && result->pw_dir[0] == '/') {
+    return std::filesystem::path(result->pw_dir);
+  }
+  return std::nullopt;
+}
+
+std::filesystem::path defaultDocumentsDirectory(const std::string& appName,
+                                                const EnvironmentLookup& environment) {
+  return xdgDirectory("XDG_DATA_HOME", ".local/share", appName, environment);
+}
+
+std::filesystem::path defaultUserDefaultsFile(const std::string& appName,
+                                              const EnvironmentLookup& environment) {
+  return xdgDirectory("XDG_CONFIG_HOME", ".config", appName, environment) / "UserDefaults.json";
+}
+
+}  // namespace vntr

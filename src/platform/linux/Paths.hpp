@@ -1,0 +1,47 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace vntr {
+
+/// Looks up an environment variable; nothing when unset. Injectable so tests never touch the
+/// real environment.
+using EnvironmentLookup = std::function<std::optional<std::string>(const std::string& name)>;
+
+/// The process environment (getenv). Set variables with an empty value read as unset.
+EnvironmentLookup processEnvironment();
+
+/// Where the running program lives, from /proc/self/exe. When the link cannot be read the
+/// directory is the current directory and the name the one the program was started with.
+struct ExecutableLocation {
+  std::filesystem::path directory;
+  std::string name;
+};
+ExecutableLocation runningExecutable();
+
+/// "CFBundleIdentifier" of the "Info.plist" in `mainBundleDirectory`; nothing when there is no
+/// such file, it is not a property-list dictionary, or the value is not a string.
+std::optional<std::string> bundleIdentifierIn(const std::filesystem::path& mainBundleDirectory);
+
+/// The application's name for its per-user directories: the bundle identifier when it is usable
+/// as a single path component, else `executableName`.
+std::string appNameFor(const std::optional<std::string>& bundleIdentifier,
+                       const std::string& executableName);
+
+/// The user's home: $HOME, else the password database's entry. Nothing when neither is known.
+std::optional<std::filesystem::path> homeDirectory(const EnvironmentLookup& environment);
+
+/// $XDG_DATA_HOME/<app>/, defaulting to ~/.local/share/<app>/; without any home
+/// /tmp/<app>-<uid>/. Relative XDG values are ignored, as the XDG rules require.
+std::filesystem::path defaultDocumentsDirectory(const std::string& appName,
+                                                const EnvironmentLookup& environment);
+
+/// $XDG_CONFIG_HOME/<app>/UserDefaults.json, defaulting to ~/.config/<app>/...; without any home
+/// /tmp/<app>-<uid>/UserDefaults.json.
+std::filesystem::path defaultUserDefaultsFile(const std::string& appName,
+                                              const EnvironmentLookup& environment);
+
+}  // namespace vntr

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace vntr {
+
+/// Property lists we read are small configuration files; anything larger is treated as broken.
+constexpr size_t kMaxPropertyListBytes = 1024 * 1024;
+
+/// The entries of a property list whose root is a dictionary: each key with its string value,
+/// or nothing when the value has another type (number, bool, array, ...).
+using PropertyListDictionary = std::map<std::string, std::optional<std::string>>;
+
+/// Reads an XML or binary property list with libplist. Nothing when the file cannot be read, is
+/// larger than `kMaxPropertyListBytes`, is not a property list, or its root is not a dictionary.
+/// Never logs; safe on any thread.
+std::optional<PropertyListDictionary> readPropertyListDictionary(const std::filesystem::path& file);
+
+}  // namespace vntr
