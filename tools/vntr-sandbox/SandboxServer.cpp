@@ -234,12 +234,20 @@ struct SandboxServer::Impl {
     return result;
   }
 
+  std::string baseURLLocked() const {
+    const std::string& host = config.host;
+    const bool v6 = host.find(':') != std::string::npos;
+    return "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(boundPort);
+  }
+
   json configJSON() const {
     json c = {{"batchInterval", config.batchIntervalMs},
               {"qualifiedEvents", config.qualifiedEvents ? *config.qualifiedEvents : json()},
               {"expireEvents", config.expireEventsMs},
               {"needsConsent", config.needsConsent},
-              {"faults", toJSON(config.faults)}};
+              {"faults", toJSON(config.faults)},
+              {"tagsURL", baseURLLocked() + "/tags"},
+              {"consentURL", baseURLLocked() + "/gdpr/check/json/current"}};
     return c;
   }
 
@@ -412,8 +420,6 @@ struct SandboxServer::Impl {
   View view(size_t limit) const {
     std::scoped_lock lock(mutex);
     View v{toJSON(stats), configJSON(), json::array()};
-    v.config["tagsURL"] = baseURLLocked() + "/tags";
-    v.config["consentURL"] = baseURLLocked() + "/gdpr/check/json/current";
     const size_t first = batches.size() > limit ? batches.size() - limit : 0;
     for (size_t i = first; i < batches.size(); ++i) v.batches.push_back(batches[i]);
     return v;
@@ -428,12 +434,6 @@ struct SandboxServer::Impl {
         sendJSON(res, {{"error", std::string("internal error: ") + e.what()}}, 500);
       }
     };
-  }
-
-  std::string baseURLLocked() const {
-    const std::string& host = config.host;
-    const bool v6 = host.find(':') != std::string::npos;
-    return "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(boundPort);
   }
 
   void installRoutes(httplib::Server& s) {
@@ -495,6 +495,12 @@ bool SandboxServer::start() {
   impl_->installRoutes(*server);
   server->set_payload_max_length(kMaxBodyBytes);
   server->set_keep_alive_timeout(kKeepAliveSeconds);
+  // cpp-httplib's default adds SO_REUSEPORT, which lets a second sandbox bind the same port and
+  // silently take half of the batches. SO_REUSEADDR alone still allows a quick restart.
+  server->set_socket_options([](socket_t sock) {
+    const int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   std::string host;
   int port = 0;
   {
