@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+#include <vntr/Executor.hpp>
+
+#include "core/Clock.hpp"
+
+namespace vntr {
+
+class VNTRSyncEvent;
+
+/// The on-device queue of pending event requests: one SQLite database
+/// ("requests_Data.sqlite" in the documents directory) owned by one serial queue.
+///
+/// Every operation marked "queue only" must run inside a task of `queue()` (through `perform`,
+/// `performBatched` or `performAndWait`); the connection and the pending changes are confined
+/// to that queue. Changes work like a unit of work: inserts and deletes are visible to later
+/// reads on the queue at once and reach the file at the next `saveContext()`. A save that fails
+/// is logged and its changes stay pending for the next one.
+///
+/// The store never throws. When no database can be opened at all, every operation logs its
+/// failure line and behaves as an empty queue.
+class EventDataManager {
+ public:
+  /// The id of requests whose answer is not tracked (low priority); several may share it.
+  static inline const std::string nilID{};
+
+  /// How the fallback chain ended: the file as found, a fresh file after deleting a broken
+  /// one, an in-memory database, or nothing at all.
+  enum class StoreKind { sqlite, recreated, memory, none };
+
+  /// Lets a test refuse chosen attempts of the fallback chain (`sqlite`: opening the file;
+  /// `recreated`: reopening it after the delete; `memory`). Production passes nothing.
+  using AttemptFilter = std::function<bool(StoreKind attempt)>;
+
+  /// Builds the stack synchronously on the calling thread, running the fallback chain on
+  /// `documentsDirectory`/"requests_Data.sqlite" (the directory is created when missing), then
+  /// posts the start-up trim to `queue`.
+  EventDataManager(std::filesystem::path documentsDirectory, std::shared_ptr<Executor> queue,
+                   std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter = {});
+  /// Waits for the work already queued (performAndWait on the queue), saves what is still
+  /// pending and closes the connection on the queue. Process-wide instances never get here.
+  ~EventDataManager();
+  EventDataManager(const EventDataManager&) = delete;
+  EventDataManager& operator=(const EventDataManager&) = delete;
+
+  /// The store ("context") queue; any thread.
+  Executor& queue();
+  /// Runs `task` on the queue later; any thread.
+  void perform(Executor::Task task);
+  /// Runs `task` on the queue and waits; inline when already on the queue. Any thread.
+  void performAndWait(const Executor::Task& task);
+  /// Like `perform`, for work that ends with `saveContextThen`: while more such tasks are
+  /// already waiting, their saves are joined into one commit (at most 512 tasks per commit)
+  /// made by the last of them, so a burst of events costs one commit instead of one each.
+  /// Any thread.
+  void performBatched(Executor::Task task);
+  /// How the fallback chain ended; any thread.
+  StoreKind kind() const;
+
+  // --- queue only ---
+
+  /// Up to `count` stored requests (all of them for 0), newest first; they stay stored.
+  std::vector<std::shared_ptr<VNTRSyncEvent>> deQueue(int64_t count);
+  /// Deletes the `count` oldest requests (all of them for 0), then saves.
+  void removeOldest(int64_t count);
+  /// Deletes every request created strictly before now - `seconds`, then saves.
+  void removeOlderThan(double seconds);
+  /// Number of stored requests, pending changes included.
+  int64_t count();
+  /// True when at least one stored request has this id.
+  bool checkID(const std::string& id);
+  /// Commits the pending changes (a failure is logged; they stay pending), then runs the
+  /// callbacks registered with `saveContextThen`.
+  void saveContext();
+  /// Saves and then runs `afterSave`. Inside a `performBatched` task the save (and so
+  /// `afterSave`) may be left to a later task of the same burst.
+  void saveContextThen(Executor::Task afterSave);
+  /// True while changes are pending.
+  bool hasChanges() const;
+  /// Adds a request; returns its row id, or -1 when there is no store.
+  int64_t insert(std::string id, std::string jsonData, double timeStamp);
+  /// Deletes the request with this row id; unknown ids are ignored.
+  void remove(int64_t rowId);
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace vntr

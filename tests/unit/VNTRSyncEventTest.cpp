@@ -1,0 +1,333 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "core/Extensions.hpp"
+#include "core/ManualExecutor.hpp"
+#include "core/SerialExecutor.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "store/EventDataManager.hpp"
+#include "support/TestSupport.hpp"
+
+namespace vntr {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+int64_t rowsOnDisk(const fs::path& file) {
+  sqlite3* db = nullptr;
+  int64_t rows = -1;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM SyncEvent", -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+      rows = sqlite3_column_int64(stmt, 0);
+    }
+    sqlite3_finalize(stmt);
+  }
+  sqlite3_close_v2(db);
+  return rows;
+}
+
+/// Records each statistic with the number of requests on disk at that moment.
+class RecordingDelegate : public VNTRTagManagerDelegate {
+ public:
+  explicit RecordingDelegate(fs::path file) : file_(std::move(file)) {}
+  void notifyForStatistic(int64_t statistic, int64_t adjustment) override {
+    const int64_t onDisk = rowsOnDisk(file_);
+    std::scoped_lock lock(mutex_);
+    EXPECT_EQ(adjustment, 1);
+    seen_.push_back({statistic, onDisk});
+  }
+  std::vector<std::pair<int64_t, int64_t>> seen() {
+    std::scoped_lock lock(mutex_);
+    return seen_;
+  }
+  size_t count(int64_t statistic) {
+    size_t n = 0;
+    for (const auto& entry : seen()) n += entry.first == statistic ? 1 : 0;
+    return n;
+  }
+
+ private:
+  fs::path file_;
+  std::mutex mutex_;
+  std::vector<std::pair<int64_t, int64_t>> seen_;
+};
+
+class SyncEventTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    facts.siteId = "12345";
+    facts.appId = "com.example.app";
+    facts.os = "Linux 12";
+    facts.lang = "en-US";
+    facts.idfa = "00000000-0000-0000-0000-000000000000";
+    facts.idfv = "0F0E0D0C-0B0A-4908-8706-050403020100";
+    facts.dnt = true;
+    facts.hardware = "x86_64";
+    facts.appInstallTime = "20190301120000";
+    facts.sdkVersion = "0.1.0";
+    VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
+  }
+  void TearDown() override {
+    if (store) queue->runUntilIdle();
+    VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
+  }
+  void open(EventDataManager::AttemptFilter filter = {}) {
+    store.emplace(dir.path(), queue, clock, std::move(filter));
+    env.emplace(SyncEventEnvironment{*store, [this]() -> const EventFacts& { return facts; },
+                                     [] { return "wifi"; }, clock});
+    queue->runUntilIdle();
+  }
+  std::vector<std::shared_ptr<VNTRSyncEvent>> stored() {
+    std::vector<std::shared_ptr<VNTRSyncEvent>> events;
+    store->performAndWait([&] { events = store->deQueue(0); });
+    return events;
+  }
+  void fire(json eventData, std::vector<std::string> events = {"checkout"},
+            VNTREventPriority priority = VNTREventPriority::high) {
+    VNTRSyncEvent::createEvent(*env, std::move(events), "purchase", std::move(eventData), priority);
+    queue->runUntilIdle();
+  }
+
+  test::TempDir dir;
+  fs::path file = dir / "requests_Data.sqlite";
+  std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();  // 2023-11-14 22:13:20 UTC
+  std::shared_ptr<ManualExecutor> queue = std::make_shared<ManualExecutor>(clock);
+  std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(file);
+  EventFacts facts;
+  std::optional<EventDataManager> store;
+  std::optional<SyncEventEnvironment> env;
+};
+
+TEST_F(SyncEventTest, requestCarriesExactlyTheTemplateCallAndDeviceMembers) {
+  open();
+  test::CapturingLog log;
+  VNTRSyncEvent::createEvent(*env, {"checkout", "pay"}, "purchase", {{"price", 9.99}},
+                             VNTREventPriority::high);
+  EXPECT_EQ(rowsOnDisk(file), 0);  // createEvent only queues the work
+  queue->runUntilIdle();
+  const auto lines = log.lines();
+
+  const auto events = stored();
+  ASSERT_EQ(events.size(), 1u);
+  const auto& event = *events[0];
+  EXPECT_TRUE(std::regex_match(event.id(), std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")))
+      << event.id();
+  EXPECT_DOUBLE_EQ(event.timeStamp(), referenceDateSeconds(clock->now()));
+  const json expected = {
+      {"jsonrpc", "2.0"},
+      {"method", "syncEvent"},
+      {"id", event.id()},
+      {"params",
+       {{"siteId", "12345"},
+        {"appId", "com.example.app"},
+        {"eventData", {{"price", 9.99}}},
+        {"eventGroup", "purchase"},
+        {"events", {"checkout", "pay"}},
+        {"version", "1.0"},
+        {"eventTime", "20231114221320"},
+        {"deviceData",
+         {{"os", "Linux 12"},
+          {"lang", "en-US"},
+          {"id", "00000000-0000-0000-0000-000000000000"},
+          {"idfv", "0F0E0D0C-0B0A-4908-8706-050403020100"},
+          {"dnt", true},
+          {"hardware", "x86_64"},
+          {"connectionType", "wifi"},
+          {"platform", "linux"}}},
+        {"appInfo", {{"appInstallTime", "20190301120000"}, {"sdkVersion", "0.1.0"}}}}}};
+  EXPECT_EQ(event.jsonData(), expected.dump());  // compact, exactly these members
+  EXPECT_EQ(lines, std::vector<std::string>{"[Verbose] Event id " + event.id()});
+
+  fire({{"n", 2}});
+  const auto both = stored();
+  ASSERT_EQ(both.size(), 2u);
+  EXPECT_NE(both[0]->id(), both[1]->id());
+}
+
+TEST_F(SyncEventTest, lowPriorityKeepsTheTemplateIdAndAbsentIdsAreRemoved) {
+  facts.siteId.reset();
+  facts.appId.reset();
+  open();
+  test::CapturingLog log;
+  fire(json::object(), {"open"}, VNTREventPriority::low);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"[Verbose] Low priority event"});
+  const auto events = stored();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->id(), EventDataManager::nilID);
+  const auto request = json::parse(events[0]->jsonData());
+  EXPECT_EQ(request["id"], "0");
+  EXPECT_FALSE(request["params"].contains("siteId"));
+  EXPECT_FALSE(request["params"].contains("appId"));
+  EXPECT_EQ(request["params"]["eventData"], json::object());
+}
+
+TEST_F(SyncEventTest, badEventDataIsRefusedWithItsLineAndLeavesNothingBehind) {
+  open();
+  constexpr const char* kInvalid =
+      "[Error] Sync Event: Invalid event Data provided.  Ensure object is valid using "
+      "\"isValidJSONObject\".";
+  constexpr const char* kUnserializable =
+      "[Error] Sync Event Init : EventData serialization failed.";
+  const auto nested = [](size_t depth) {
+    json data = json::object();
+    json* level = &data;
+    for (size_t i = 1; i < depth; ++i) level = &((*level)["a"] = json::object());
+    return data;
+  };
+  struct Case {
+    const char* name;
+    json data;
+    const char* line;
+  };
+  std::vector<Case> cases;
+  cases.push_back({"array", json::array({1, 2}), kInvalid});
+  cases.push_back({"string", "text", kInvalid});
+  cases.push_back({"NaN", {{"v", std::nan("")}}, kInvalid});
+  cases.push_back({"infinity", {{"v", {1, std::numeric_limits<double>::infinity()}}}, kInvalid});
+  cases.push_back({"deep", nested(10000), kInvalid});
+  cases.push_back({"one too deep", nested(VNTRSyncEvent::kMaxEventDataDepth + 1), kInvalid});
+  cases.push_back({"bad UTF-8 value", {{"v", "ok\xC3\x28"}}, kUnserializable});
+  cases.push_back({"bad UTF-8 key", {{"\xED\xA0\x80", 1}}, kUnserializable});
+  cases.push_back({"overlong UTF-8", {{"v", {"\xC0\xAF"}}}, kUnserializable});
+  for (auto& c : cases) {
+    test::CapturingLog log;
+    fire(std::move(c.data));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{c.line}) << c.name;
+  }
+  {
+    test::CapturingLog log;
+    fire({{"v", 1}}, {"bad\xFF"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"[Error] Sync Event Init :  serialization failed."});
+  }
+  EXPECT_TRUE(stored().empty());
+  EXPECT_EQ(rowsOnDisk(file), 0);
+  EXPECT_TRUE(delegate->seen().empty());
+
+  // The deepest accepted nesting and valid multi-byte text go through.
+  fire(nested(VNTRSyncEvent::kMaxEventDataDepth));
+  fire({{"name", "Zo\xC3\xAB \xF0\x9F\x98\x80 \xE2\x82\xAC"}});
+  EXPECT_EQ(stored().size(), 2u);
+}
+
+TEST_F(SyncEventTest, aMegabytePayloadIsStoredIntact) {
+  open();
+  const std::string blob(1 << 20, 'x');
+  fire({{"blob", blob}});
+  store.reset();
+  open();
+  const auto events = stored();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(json::parse(events[0]->jsonData())["params"]["eventData"]["blob"], blob);
+}
+
+TEST_F(SyncEventTest, eventCreatedIsReportedOnlyOnceTheEventIsCommitted) {
+  open();
+  for (int i = 0; i < 3; ++i) {
+    VNTRSyncEvent::createEvent(*env, {"e"}, "g", {{"i", i}}, VNTREventPriority::high);
+  }
+  // An invalid build at the end of the burst still lets the others commit.
+  VNTRSyncEvent::createEvent(*env, {"e"}, "g", json::array(), VNTREventPriority::high);
+  queue->runUntilIdle();
+  const std::vector<std::pair<int64_t, int64_t>> afterOneCommit(3,
+                                                                {VNTRStatistic::eventCreated, 3});
+  EXPECT_EQ(delegate->seen(), afterOneCommit);
+
+  // Built directly, an event is saved and reported at once.
+  std::shared_ptr<VNTRSyncEvent> made;
+  store->performAndWait([&] {
+    made = VNTRSyncEvent::make(*env, {"e"}, "g", {{"direct", true}}, VNTREventPriority::low);
+  });
+  ASSERT_TRUE(made);
+  EXPECT_GE(made->rowId(), 0);
+  EXPECT_EQ(delegate->seen().back(), (std::pair<int64_t, int64_t>{VNTRStatistic::eventCreated, 4}));
+}
+
+TEST_F(SyncEventTest, answersRemoveTheRecordAndWarnOnlyForTrackedIds) {
+  open();
+  fire({{"a", 1}}, {"tracked"}, VNTREventPriority::high);
+  clock->advance(std::chrono::seconds(1));
+  fire({{"b", 2}}, {"untracked"}, VNTREventPriority::low);
+  clock->advance(std::chrono::seconds(1));
+  fire({{"c", 3}}, {"answered"}, VNTREventPriority::high);
+  auto events = stored();  // newest first: answered, untracked, tracked
+  ASSERT_EQ(events.size(), 3u);
+
+  test::CapturingLog log;
+  store->performAndWait([&] {
+    events[0]->processResult({{"status", "ok"}});
+    events[1]->nilResult();
+  });
+  EXPECT_TRUE(log.lines().empty());
+  store->performAndWait([&] { events[2]->nilResult(); });
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{
+                "[Warning] Nil response for a non-nil ID event. Removing event anyway."});
+  EXPECT_EQ(delegate->count(VNTRStatistic::eventResultProcessed), 3u);
+  EXPECT_EQ(rowsOnDisk(file), 0);
+}
+
+TEST_F(SyncEventTest, withoutAStoreEventsAreDroppedWithTheSaveFailure) {
+  open([](EventDataManager::StoreKind) { return false; });
+  test::CapturingLog log;
+  fire({{"a", 1}}, {"e"}, VNTREventPriority::low);
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                "[Verbose] Low priority event",
+                "[Error] Saving event queue failed with: The event store could not be opened, "
+                "{code = 0, extendedCode = 0}"}));
+  EXPECT_EQ(delegate->count(VNTRStatistic::eventCreated), 1u);
+}
+
+TEST(SyncEventThreads, concurrentCallersAllGetStoredAndCounted) {
+  test::TempDir dir;
+  auto clock = std::make_shared<SystemClock>();
+  auto queue = std::make_shared<SerialExecutor>("VNTRStoreTest");
+  auto delegate = std::make_shared<RecordingDelegate>(dir / "unused.sqlite");
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
+  {
+    EventDataManager store(dir.path(), queue, clock);
+    EventFacts facts;
+    const SyncEventEnvironment env{store, [&facts]() -> const EventFacts& { return facts; },
+                                   [] { return "wifi"; }, clock};
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 300;
+    std::vector<std::thread> callers;
+    for (int t = 0; t < kThreads; ++t) {
+      callers.emplace_back([&env, t] {
+        for (int i = 0; i < kPerThread; ++i) {
+          VNTRSyncEvent::createEvent(env, {"e"}, "g", {{"t", t}, {"i", i}},
+                                     VNTREventPriority::high);
+        }
+      });
+    }
+    for (auto& caller : callers) caller.join();
+    int64_t stored = 0;
+    EXPECT_TRUE(test::waitUntil([&] {
+      store.performAndWait([&] { stored = store.count(); });
+      return stored == kThreads * kPerThread && !store.hasChanges();
+    }));
+    EXPECT_EQ(delegate->count(VNTRStatistic::eventCreated),
+              static_cast<size_t>(kThreads * kPerThread));
+    std::set<std::string> ids;
+    store.performAndWait([&] {
+      for (const auto& event : store.deQueue(0)) ids.insert(event->id());
+    });
+    EXPECT_EQ(ids.size(), static_cast<size_t>(kThreads * kPerThread));
+  }
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
+}
+
+}  // namespace
+}  // namespace vntr
