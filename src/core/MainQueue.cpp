@@ -26,8 +26,7 @@ Executor& mainQueue() {
     auto& s = slot();
     std::scoped_lock lock(s.mutex);
     if (!s.installed) s.installed = std::make_shared<SerialExecutor>("VNTRMain");
-    // Keep a reference forever: the queue must outlive every library thread.
-    new std::shared_ptr<Executor>(s.installed);
+    // The slot is never destroyed, so its reference keeps the queue alive past every thread.
     s.active = s.installed.get();
     return s.active;
   }();
