@@ -158,9 +158,11 @@ void GdprConsent::Core::remoteCheck() {
     Debug(VantrelLogLevel::error, "Unable to check gdpr. Invalid Check URL");
     return;
   }
-  auto completion =
-      [state = state](std::optional<std::string> data, std::optional<HTTPURLResponse> /*response*/,
-                      std::optional<HTTPError> error) { handleAnswer(*state, data, error); };
+  auto completion = [state = state](const std::optional<std::string>& data,
+                                    const std::optional<HTTPURLResponse>& /*response*/,
+                                    const std::optional<HTTPError>& error) {
+    handleAnswer(*state, data, error);
+  };
   try {
     httpGet(endpoint, std::move(completion));
   } catch (const std::exception& e) {

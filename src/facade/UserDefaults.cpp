@@ -14,7 +14,7 @@ namespace vntr {
 namespace {
 
 // The store holds a handful of consent strings; a file far beyond that is not ours to load.
-constexpr size_t kMaxFileBytes = 8 * 1024 * 1024;
+constexpr size_t kMaxFileBytes = size_t{8} * 1024 * 1024;
 
 constexpr const char* kSubjectToGdprKey = "IABConsent_SubjectToGDPR";
 constexpr const char* kParsedVendorConsentsKey = "IABConsent_ParsedVendorConsents";
@@ -46,8 +46,8 @@ std::pair<Values, std::optional<std::string>> load(const std::filesystem::path& 
 
 std::string serialise(const Values& values) {
   nlohmann::json json = nlohmann::json::object();
-  for (const auto& [key, value] : values) {
-    std::visit([&json, &key](const auto& v) { json[key] = v; }, value);
+  for (const auto& entry : values) {
+    std::visit([&json, &entry](const auto& v) { json[entry.first] = v; }, entry.second);
   }
   // Keys and strings from C++ callers may be invalid UTF-8; replace rather than fail the save.
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);

@@ -15,7 +15,8 @@ namespace vntr {
 namespace {
 
 std::string errnoText(const std::string& what, int error) {
-  return what + ": " + std::strerror(error);
+  char buffer[256];
+  return what + ": " + ::strerror_r(error, buffer, sizeof buffer);  // GNU: returns the text
 }
 
 /// Owns a file descriptor; closes it on scope exit unless released.

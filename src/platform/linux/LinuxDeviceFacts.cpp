@@ -20,7 +20,7 @@ namespace vntr {
 
 namespace {
 
-constexpr size_t kMaxSystemFileBytes = 64 * 1024;
+constexpr size_t kMaxSystemFileBytes = size_t{64} * 1024;
 // Separates this use of the machine secret from any other derivation from it.
 constexpr std::string_view kIdfvDomain = "VNTRTagManager.idfv:";
 

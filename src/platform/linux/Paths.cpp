@@ -38,6 +38,9 @@ std::filesystem::path xdgDirectory(const std::string& variable, const char* home
 
 EnvironmentLookup processEnvironment() {
   return [](const std::string& name) -> std::optional<std::string> {
+    // Read-only use; a host that calls setenv while other threads run is already undefined for
+    // every library in the process.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* value = std::getenv(name.c_str());
     if (value == nullptr || *value == '\0') return std::nullopt;
     return std::string(value);

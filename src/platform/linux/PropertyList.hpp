@@ -9,7 +9,7 @@
 namespace vntr {
 
 /// Property lists we read are small configuration files; anything larger is treated as broken.
-constexpr size_t kMaxPropertyListBytes = 1024 * 1024;
+constexpr size_t kMaxPropertyListBytes = size_t{1024} * 1024;
 
 /// The entries of a property list whose root is a dictionary: each key with its string value,
 /// or nothing when the value has another type (number, bool, array, ...).
