@@ -19,16 +19,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
-#include "core/MainQueue.hpp"
 #include "platform/linux/RouteMonitor.hpp"
 #include "support/TestSupport.hpp"
 
@@ -75,7 +74,7 @@ ChildOutcome runInNamespace(const std::function<std::string()>& scenario) {
       reportAndExit(fds[1],
                     std::string("cannot create a network namespace (needs root or "
                                 "CAP_SYS_ADMIN): ") +
-                        std::strerror(errno),
+                        std::error_code(errno, std::generic_category()).message(),
                     kSkipStatus);
     }
     // Without a sysfs of its own the child would see the host's /sys/class/net. Propagation is
@@ -84,14 +83,6 @@ ChildOutcome runInNamespace(const std::function<std::string()>& scenario) {
         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
       ::mount("sysfs", "/sys", "sysfs", 0, nullptr);
     }
-#if defined(__SANITIZE_ADDRESS__)
-    {
-      // The main queue keeps one deliberately unreferenced allocation for the life of the
-      // process; create it here, unchecked, so the leak check below sees only the scenario's.
-      __lsan::ScopedDisabler unchecked;
-      mainQueue();
-    }
-#endif
     std::string error;
     try {
       error = scenario();
@@ -203,10 +194,10 @@ class FlagLog {
   std::vector<uint32_t> seen_;
 };
 
-#define STEP(expression)                     \
-  do {                                       \
-    const std::string error_ = (expression); \
-    if (!error_.empty()) return error_;      \
+#define STEP(expression)                      \
+  do {                                        \
+    std::string stepError = (expression);     \
+    if (!stepError.empty()) return stepError; \
   } while (false)
 
 TEST(RouteMonitorNamespace, followsDefaultRoutesLinksAndWwanThroughTheKernel) {

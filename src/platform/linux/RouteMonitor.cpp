@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// Large enough for any datagram the kernel builds for a dump or a notification.
-constexpr size_t kBufferBytes = 64 * 1024;
+constexpr size_t kBufferBytes = size_t{64} * 1024;
 /// A dump that takes longer than this is abandoned and retried later.
 constexpr auto kDumpTimeout = std::chrono::seconds(10);
 /// After a failed dump the thread tries again this much later.
