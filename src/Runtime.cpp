@@ -1,8 +1,19 @@
 #include "Runtime.hpp"
 
+#include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
+#include "core/Extensions.hpp"
 #include "core/MainQueue.hpp"
+#include "core/SerialExecutor.hpp"
+#include "core/VNTRInfo.hpp"
+#include "facade/VNTRTagManagerSiteID.hpp"
+#include "model/VNTREventFilter.hpp"
+#include "model/VNTRGetEvents.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "store/EventDataManager.hpp"
+#include "transport/HTTPClient.hpp"
+#include "transport/VNTRRequester.hpp"
 
 namespace vntr {
 
@@ -12,17 +23,144 @@ Runtime& Runtime::shared() {
 }
 
 namespace {
+
 std::shared_ptr<Executor> processMainQueue() {
   // The process main queue is never destroyed; the shared_ptr only borrows it.
   return std::shared_ptr<Executor>(&mainQueue(), [](Executor*) {});
 }
+
+std::shared_ptr<UserDefaults> standardUserDefaults() {
+  return std::shared_ptr<UserDefaults>(&UserDefaults::standardUserDefaults(), [](UserDefaults*) {});
+}
+
 }  // namespace
 
 Runtime::Runtime(RuntimeOptions options)
     : mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
-      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()) {}
+      storeQueue_(options.storeQueue ? std::move(options.storeQueue)
+                                     : std::make_shared<SerialExecutor>("VNTRStore")),
+      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
+      paths_(options.paths ? std::move(*options.paths) : processPaths()),
+      factsSource_(options.facts ? std::move(options.facts)
+                                 : makeLinuxDeviceFacts(paths_.mainBundleDirectory)),
+      httpClient_(std::move(options.httpClient)),
+      consentGet_(std::move(options.consentGet)),
+      userDefaults_(options.userDefaults ? std::move(options.userDefaults)
+                                         : standardUserDefaults()),
+      reachabilitySource_(options.reachabilitySource),
+      initialReachabilityFlags_(options.initialReachabilityFlags),
+      consentCheckURL_(options.consentCheckURL.empty() ? kDefaultConsentCheckURL
+                                                       : std::move(options.consentCheckURL)) {
+  if (!httpClient_ || !consentGet_) network_ = std::make_shared<HTTPClient>();
+  if (!httpClient_) httpClient_ = network_;
+  if (!consentGet_) {
+    consentGet_ = [network = network_](const std::string& url, HTTPCompletion completion) {
+      network->get(url, std::move(completion));
+    };
+  }
+}
 
-Runtime::~Runtime() = default;
+Runtime::~Runtime() {
+  // Threads first, in the order that keeps their callbacks' targets alive: the consent check
+  // and batch replies (transport), then route changes (reachability), then queued store work.
+  tagManager_.reset();
+  consentGet_ = nullptr;
+  if (requester_) requester_->setHttpClient(nullptr);
+  httpClient_.reset();
+  network_.reset();
+  reachability_.reset();
+  requester_.reset();
+  store_.reset();
+}
+
+const std::optional<std::string>& Runtime::siteID() {
+  std::call_once(siteIDOnce_, [this] { siteID_ = loadSiteID(paths_.mainBundleDirectory); });
+  return siteID_;
+}
+
+VNTRInfo& Runtime::info() {
+  std::call_once(infoOnce_, [this] {
+    auto clock = clock_;
+    info_ = std::make_unique<VNTRInfo>(factsSource_, [clock] { return clock->now(); });
+  });
+  return *info_;
+}
+
+const EventFacts& Runtime::eventFacts() {
+  std::call_once(factsOnce_, [this] {
+    auto facts = std::make_unique<EventFacts>();
+    auto& i = info();
+    facts->siteId = siteID();
+    facts->appId = i.bundleIdentifier();
+    facts->os = i.vntrOSAndVersion();
+    facts->lang = i.language();
+    facts->idfa = i.idfa();
+    facts->idfv = i.idfv();
+    facts->dnt = i.trackingDisabled();
+    facts->hardware = i.hardware();
+    facts->appInstallTime = timestamp(i.firstInstall());
+    facts->sdkVersion = i.sdkVersion();
+    eventFacts_ = std::move(facts);
+  });
+  return *eventFacts_;
+}
+
+EventDataManager& Runtime::store() {
+  std::call_once(storeOnce_, [this] {
+    store_ = std::make_unique<EventDataManager>(paths_.documentsDirectory, storeQueue_, clock_);
+  });
+  return *store_;
+}
+
+VNTREventFilter& Runtime::filter() {
+  std::call_once(filterOnce_, [this] {
+    filter_ = std::make_unique<VNTREventFilter>(userDefaults_->doubleForKey("VNTREventsExpiry"),
+                                                clock_);
+  });
+  return *filter_;
+}
+
+VNTRReachability& Runtime::reachability() {
+  std::call_once(reachabilityOnce_, [this] {
+    reachability_ =
+        std::make_unique<VNTRReachability>(reachabilitySource_, initialReachabilityFlags_);
+    // The requester is made on the first reachable update if nothing has made it yet.
+    reachability_->setOnReachable([this] { requester().fireNow(); });
+  });
+  return *reachability_;
+}
+
+const SyncEventEnvironment& Runtime::syncEventEnvironment() {
+  std::call_once(syncEnvironmentOnce_, [this] {
+    syncEnvironment_ = std::make_unique<SyncEventEnvironment>(SyncEventEnvironment{
+        store(), [this]() -> const EventFacts& { return eventFacts(); },
+        [this] { return reachability().connectionType(); }, clock_});
+  });
+  return *syncEnvironment_;
+}
+
+VNTRRequester& Runtime::requester() {
+  std::call_once(requesterOnce_, [this] {
+    auto& events = store();
+    auto& reach = reachability();
+    auto& qualified = filter();
+    auto makeGetEvents = [this, &events, &qualified]() -> std::shared_ptr<VNTRMethodProtocol> {
+      GetEventsEnvironment env;
+      env.store = &events;
+      env.facts = [this]() -> const EventFacts& { return eventFacts(); };
+      env.filter = &qualified;
+      std::weak_ptr<VNTRRequester> weak = requester_;
+      env.setBatchInterval = [weak](int64_t ms) {
+        if (auto r = weak.lock()) r->setBatchInterval(ms);
+      };
+      return VNTRGetEvents::make(env);
+    };
+    requester_ = std::make_shared<VNTRRequester>(
+        *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
+        [] { return VNTRPreferences::sharedPreferences().serverURL(); });
+  });
+  return *requester_;
+}
 
 VNTRTagManager& Runtime::tagManager() {
   std::call_once(tagManagerOnce_, [this] { tagManager_ = std::make_unique<VNTRTagManager>(*this); });

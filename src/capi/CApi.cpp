@@ -25,25 +25,6 @@ vntr_status_t guarded(Body&& body) noexcept {
 // once per level on a library thread.
 constexpr size_t kMaxEventDataDepth = 256;
 
-bool nestingWithin(std::string_view text, size_t limit) {
-  size_t depth = 0;
-  bool inString = false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (inString) {
-      if (c == '\\') ++i;
-      else if (c == '"') inString = false;
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '{' || c == '[') {
-      if (++depth > limit) return false;
-    } else if ((c == '}' || c == ']') && depth > 0) {
-      --depth;
-    }
-  }
-  return true;
-}
-
 class CDelegate final : public vntr::VNTRTagManagerDelegate {
  public:
   CDelegate(vntr_statistic_callback callback, void* context)
@@ -75,7 +56,7 @@ vntr_status_t vntr_fire_events(const char* const* events, size_t count, const ch
     nlohmann::json data = nlohmann::json::object();
     if (event_data_json != nullptr) {
       const std::string_view text(event_data_json);
-      if (nestingWithin(text, kMaxEventDataDepth)) {
+      if (vntr::jsonNestingWithin(text, kMaxEventDataDepth)) {
         data = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
       } else {
         data = nlohmann::json(nlohmann::json::value_t::discarded);

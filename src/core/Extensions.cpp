@@ -95,6 +95,28 @@ bool isValidUTF8(std::string_view text) {
   return true;
 }
 
+bool jsonNestingWithin(std::string_view text, size_t limit) {
+  size_t depth = 0;
+  bool inString = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 nlohmann::json requiredTemplate(std::string_view name) {
   auto dictionary = dictionaryFromJSFileNamed(name);
   if (!dictionary) {

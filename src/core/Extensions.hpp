@@ -28,6 +28,10 @@ std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name);
 /// True when `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
 bool isValidUTF8(std::string_view text);
 
+/// True when the JSON text nests arrays and objects at most `limit` deep. A cheap pre-check
+/// before parsing untrusted text: brackets inside strings are not counted.
+bool jsonNestingWithin(std::string_view text, size_t limit);
+
 /// Loads a template the library cannot work without; a missing one means a broken build, so
 /// this writes one fatal line to stderr and aborts.
 nlohmann::json requiredTemplate(std::string_view name);

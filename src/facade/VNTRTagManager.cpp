@@ -2,8 +2,13 @@
 
 #include "Runtime.hpp"
 #include "core/MainQueue.hpp"
+#include "core/ProcessSettings.hpp"
 #include "core/VNTRDebug.hpp"
+#include "facade/GdprConsent.hpp"
+#include "model/VNTREventFilter.hpp"
 #include "model/VNTREventPriority.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "transport/VNTRRequester.hpp"
 
 namespace vntr {
 
@@ -18,17 +23,32 @@ void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
 
 VNTRTagManager& VNTRTagManager::sharedInstance() { return Runtime::shared().tagManager(); }
 
-VNTRTagManager::VNTRTagManager(Runtime& runtime) : runtime_(runtime) {}
+VNTRTagManager::VNTRTagManager(Runtime& runtime)
+    : runtime_(runtime),
+      consent_(std::make_shared<GdprConsent>(runtime.userDefaults(), runtime.consentGet(),
+                                             runtime.consentCheckURL())) {
+  // Decides consent now, on the creating thread, and re-decides whenever one of the three
+  // consent keys changes.
+  consent_->start();
+}
 
 VNTRTagManager::~VNTRTagManager() = default;
 
-bool VNTRTagManager::subjectToGdprConsent() const { return true; }
+bool VNTRTagManager::subjectToGdprConsent() const { return consent_->subjectToGdprConsent(); }
 
-bool VNTRTagManager::hasGdprConsent() const { return false; }
+bool VNTRTagManager::hasGdprConsent() const { return consent_->hasGdprConsent(); }
 
-bool VNTRTagManager::setMainBundlePath(const std::string&) { return false; }
-bool VNTRTagManager::setDocumentsDirectory(const std::string&) { return false; }
-bool VNTRTagManager::setUserDefaultsPath(const std::string&) { return false; }
+bool VNTRTagManager::setMainBundlePath(const std::string& directory) {
+  return vntr::setMainBundlePath(directory);
+}
+
+bool VNTRTagManager::setDocumentsDirectory(const std::string& directory) {
+  return vntr::setDocumentsDirectory(directory);
+}
+
+bool VNTRTagManager::setUserDefaultsPath(const std::string& file) {
+  return vntr::setUserDefaultsPath(file);
+}
 
 bool VNTRTagManager::setMainQueue(std::shared_ptr<Executor> executor) {
   return installMainQueue(std::move(executor));
@@ -37,9 +57,18 @@ bool VNTRTagManager::setMainQueue(std::shared_ptr<Executor> executor) {
 void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority, bool startRequester) {
-  (void)eventData;
-  (void)priority;
-  (void)startRequester;
+  if (!runtime_.siteID()) {
+    Debug(VantrelLogLevel::error,
+          "The Site ID for the VNTR Tag Manager has not been set.  Please see previous errors for "
+          "the reasons this might be happening.");
+    return;
+  }
+  // Undetermined consent (a remote check in flight, say) rejects too; nothing is held back.
+  if (consent_->hasGdprConsentValue() != true) {
+    Debug(VantrelLogLevel::error,
+          "GDPR consent was not granted for this app/purpose. Please re-initialize.");
+    return;
+  }
   if (eventGroup.empty()) {
     Debug(VantrelLogLevel::error, "No event group provided");
     return;
@@ -47,6 +76,20 @@ void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
   if (events.empty()) {
     Debug(VantrelLogLevel::error, "No events provided");
     return;
+  }
+  auto& filter = runtime_.filter();
+  if (!filter.admits(events)) {
+    Debug(VantrelLogLevel::verbose, "No qualified events found.  Ignoring event");
+    return;
+  }
+  VNTRSyncEvent::createEvent(runtime_.syncEventEnvironment(), events, eventGroup, eventData,
+                             priority);
+  if (!startRequester) return;
+  auto& requester = runtime_.requester();
+  if (filter.wantsImmediateSend(events)) {
+    requester.fireNow();
+  } else {
+    requester.fire();
   }
 }
 

@@ -1,0 +1,188 @@
+#include "transport/VNTRRequester.hpp"
+
+#include <algorithm>
+#include <vector>
+
+#include "core/VNTRDebug.hpp"
+#include "core/VNTRStatistic.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "store/EventDataManager.hpp"
+#include "transport/VNTRReachability.hpp"
+#include "transport/VNTRRequestResponse.hpp"
+
+namespace vntr {
+
+VNTRRequester::VNTRRequester(Executor& mainQueue, EventDataManager& store,
+                             VNTRReachability& reachability,
+                             std::shared_ptr<HTTPClientProtocol> httpClient,
+                             GetEventsFactory makeGetEvents, ServerURL serverURL)
+    : mainQueue_(mainQueue),
+      store_(store),
+      reachability_(reachability),
+      makeGetEvents_(std::move(makeGetEvents)),
+      serverURL_(std::move(serverURL)),
+      batchTimer_(std::make_shared<VNTRTimer>()),
+      httpClient_(std::move(httpClient)) {}
+
+std::shared_ptr<VNTRTimer> VNTRRequester::batchTimer() const {
+  std::scoped_lock lock(mutex_);
+  return batchTimer_;
+}
+
+std::shared_ptr<HTTPClientProtocol> VNTRRequester::httpClient() const {
+  std::scoped_lock lock(mutex_);
+  return httpClient_;
+}
+
+void VNTRRequester::setHttpClient(std::shared_ptr<HTTPClientProtocol> client) {
+  std::scoped_lock lock(mutex_);
+  httpClient_.swap(client);
+}
+
+void VNTRRequester::fire() {
+  // The main queue would drop this request anyway while a timer is armed (or stale) or a batch
+  // is in flight; skipping the hop spares the caller's thread and the main queue a wake-up per
+  // event. A batch in flight calls fire() itself when it ends.
+  if (isRequesting.load() || batchTimer()->isValid()) return;
+  mainQueue_.post([self = shared_from_this()] { self->fireOnMainQueue(); });
+}
+
+void VNTRRequester::fireOnMainQueue() {
+  // Only the main queue arms timers, so two fire() calls never arm two. A stale timer (expired
+  // while offline, block still set) keeps fire() idle until the fire-now rule clears it.
+  if (batchTimer()->isValid() || isRequesting.load()) return;
+  const double delay = nextBatchInterval.load();
+  std::weak_ptr<VNTRRequester> weak = weak_from_this();
+  auto timer = VNTRTimer::make(mainQueue_, delay, [weak] {
+    if (auto self = weak.lock()) self->performRemoteRequests();
+  });
+  {
+    std::scoped_lock lock(mutex_);
+    batchTimer_ = std::move(timer);
+  }
+  nextBatchInterval.store(batchIntervalSeconds.load());
+}
+
+void VNTRRequester::fireNow() {
+  nextBatchInterval.store(0.0);
+  // A batch in flight calls fire() when it ends, and that timer then uses delay 0.
+  if (isRequesting.load()) return;
+  batchTimer()->invalidate();
+  fire();
+}
+
+void VNTRRequester::setBatchInterval(int64_t milliseconds) {
+  const double seconds = static_cast<double>(milliseconds) / 1000.0;
+  batchIntervalSeconds.store(std::clamp(seconds, minimumBatchInterval, maximumBatchInterval));
+}
+
+void VNTRRequester::performRemoteRequests() {
+  if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
+  auto client = httpClient();
+  if (!client) return;  // the runtime is shutting down
+  isRequesting.store(true);
+  batchTimer()->invalidate();
+
+  auto pending = std::make_shared<PendingTable>();
+  std::string body;
+  int64_t storedEvents = 0;
+  // Dequeue, build and tell untracked requests they get no answer, all in one visit to the
+  // store queue: the requests are store objects and are only touched there.
+  store_.performAndWait([&] {
+    std::vector<std::shared_ptr<VNTRMethodProtocol>> methods;
+    for (auto& event : store_.deQueue(maxEventsPerBatch)) methods.push_back(std::move(event));
+    storedEvents = static_cast<int64_t>(methods.size());
+    if (storedEvents == 0) return;
+    if (auto getEvents = makeGetEvents_ ? makeGetEvents_() : nullptr) {
+      methods.push_back(std::move(getEvents));
+    }
+    size_t size = 2;
+    for (const auto& method : methods) size += method->jsonData().size() + 1;
+    body.reserve(size);
+    body += '[';
+    for (size_t i = 0; i < methods.size(); ++i) {
+      if (i > 0) body += ',';
+      body += methods[i]->jsonData();
+      if (methods[i]->id() == EventDataManager::nilID) {
+        methods[i]->nilResult();  // it can never be matched to an answer
+      } else {
+        (*pending)[methods[i]->id()] = methods[i];
+      }
+    }
+    body += ']';
+  });
+  if (storedEvents == 0) {
+    isRequesting.store(false);
+    return;
+  }
+  reportStatistic(VNTRStatistic::batchRequestSent, 1);
+  reportStatistic(VNTRStatistic::eventsSent, storedEvents);
+  client->post(std::move(body), serverURL_(),
+                     [self = shared_from_this(), pending](std::optional<std::string> data,
+                                                          std::optional<HTTPURLResponse> response,
+                                                          std::optional<HTTPError>) {
+                       self->handleReply(*pending, std::move(data), std::move(response));
+                     });
+}
+
+void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string> data,
+                                std::optional<HTTPURLResponse> response) {
+  // The error and the status code are not examined: the body decides.
+  if (response) {
+    reportStatistic(VNTRStatistic::responseReceived, 1);
+    if (!data) {
+      reportStatistic(VNTRStatistic::responseEmpty, 1);
+    } else {
+      reportStatistic(VNTRStatistic::responseDataReceived, 1);
+      store_.performAndWait([&] { dispatchResults(pending, *data); });
+    }
+    isRequesting.store(false);
+    fire();
+    return;
+  }
+  reportStatistic(VNTRStatistic::requestFailed, 1);
+  isRequesting.store(false);
+  // Offline: the reachability callback restarts the requester when the network returns.
+  if (reachability_.isReachable()) fire();
+}
+
+namespace {
+
+// The default textual rendering of a JSON value: strings without quotes, the rest as JSON.
+std::string render(const nlohmann::json& value) {
+  if (value.is_string()) return value.get<std::string>();
+  return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string errorMessage(const nlohmann::json& error) {
+  std::string message;
+  if (const auto code = error.find("code"); code != error.end()) {
+    message += "code:" + render(*code) + " ";
+  }
+  if (const auto text = error.find("message"); text != error.end()) message += render(*text);
+  return message;
+}
+
+}  // namespace
+
+void VNTRRequester::dispatchResults(PendingTable& pending, const std::string& data) {
+  auto parsed = VNTRRequestResponse::make(data);
+  if (!parsed) {
+    reportStatistic(VNTRStatistic::responseUnparsable, 1);
+    return;
+  }
+  reportStatistic(VNTRStatistic::responseParsed, 1);
+  for (const auto& answer : parsed->methodResponses) {
+    // An unknown or repeated id finds nothing in the table and is ignored.
+    if (auto entry = pending.extract(answer.id)) {
+      if (answer.remoteResult) {
+        entry.mapped()->processResult(*answer.remoteResult);
+      } else {
+        entry.mapped()->nilResult();
+      }
+    }
+    if (answer.remoteError) Debug(VantrelLogLevel::error, errorMessage(*answer.remoteError));
+  }
+}
+
+}  // namespace vntr

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vntr/Executor.hpp>
+
+#include "model/VNTRMethodProtocol.hpp"
+#include "transport/HTTPClientProtocol.hpp"
+#include "transport/VNTRTimer.hpp"
+
+namespace vntr {
+
+class EventDataManager;
+class VNTRReachability;
+
+/// The batching sender. Decides when a batch goes out, takes up to 80 of the newest queued
+/// event requests plus one get-events request, posts them as one JSON array, hands each answer
+/// to the request it belongs to, and arms its timer for the next batch. Never runs two batches
+/// at once.
+///
+/// Threads: `fire()`, `fireNow()` and `setBatchInterval()` may be called from any thread; the
+/// timer decision, the timer and the batch cycle run on the main queue; the reply is handled on
+/// the transport's thread, with result dispatch inside the store queue's synchronous perform.
+/// The fields below are atomics or mutex-guarded, since they are touched from all of these.
+class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
+ public:
+  static constexpr int64_t maxEventsPerBatch = 80;
+  static constexpr double minimumBatchInterval = 0.1;
+  static constexpr double maximumBatchInterval = 120.0;
+
+  using GetEventsFactory = std::function<std::shared_ptr<VNTRMethodProtocol>()>;
+  using ServerURL = std::function<std::string()>;
+
+  /// `makeGetEvents` runs on the store queue and may yield nothing (the batch then goes without
+  /// it); `serverURL` is read at each batch.
+  VNTRRequester(Executor& mainQueue, EventDataManager& store, VNTRReachability& reachability,
+                std::shared_ptr<HTTPClientProtocol> httpClient, GetEventsFactory makeGetEvents,
+                ServerURL serverURL);
+
+  /// Asks for the next batch: arms the timer with `nextBatchInterval` unless a timer is armed
+  /// (or stale) or a batch is in flight. Returns at once.
+  void fire();
+  /// Asks for a batch as soon as possible: the fire-now rule.
+  void fireNow();
+  /// Sets the regular pause from a count of milliseconds, clamped to 0.1 ... 120 s; applies
+  /// from the timer after next.
+  void setBatchInterval(int64_t milliseconds);
+  /// One batch cycle; run by the timer on the main queue.
+  void performRemoteRequests();
+
+  std::atomic<double> batchIntervalSeconds{2.0};
+  std::atomic<double> nextBatchInterval{2.0};
+  std::atomic<bool> isRequesting{false};
+
+  std::shared_ptr<VNTRTimer> batchTimer() const;
+  std::shared_ptr<HTTPClientProtocol> httpClient() const;
+  /// Installs another transport (for example `HTTPMockClient`) for the following batches.
+  void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
+
+ private:
+  using PendingTable = std::unordered_map<std::string, std::shared_ptr<VNTRMethodProtocol>>;
+
+  void fireOnMainQueue();
+  void handleReply(PendingTable& pending, std::optional<std::string> data,
+                   std::optional<HTTPURLResponse> response);
+  void dispatchResults(PendingTable& pending, const std::string& data);
+
+  Executor& mainQueue_;
+  EventDataManager& store_;
+  VNTRReachability& reachability_;
+  GetEventsFactory makeGetEvents_;
+  ServerURL serverURL_;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_
+  std::shared_ptr<HTTPClientProtocol> httpClient_;  // guarded by mutex_
+};
+
+}  // namespace vntr

@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.hpp"
+#include "transport/VNTRRequestResponse.hpp"
+
+namespace vntr {
+namespace {
+
+constexpr const char* kNotSerializable = "[Warning] Remote Response was not serializable";
+constexpr const char* kNotArray =
+    "[Warning] Remote Response is not an array of dictionaries, therefore not usable";
+constexpr const char* kBadEntry =
+    "[Warning] Unable to create remote Response Object for single response.";
+
+TEST(VNTRRequestResponse, rejectsUnusableEnvelopesWithTheirWarning) {
+  struct Case {
+    std::string body;
+    const char* line;
+  };
+  const std::vector<Case> cases = {
+      {"", kNotSerializable},          {"not json", kNotSerializable},
+      {"42", kNotSerializable},        {"\"text\"", kNotSerializable},
+      {"[1,", kNotSerializable},       {std::string(200, '[') + std::string(200, ']'), kNotSerializable},
+      {"{}", kNotArray},               {"[{\"id\":\"a\",\"result\":{}}, 3]", kNotArray},
+      {"[null]", kNotArray},           {"[[]]", kNotArray},
+  };
+  for (const auto& c : cases) {
+    test::CapturingLog log;
+    EXPECT_FALSE(VNTRRequestResponse::make(c.body)) << c.body;
+    EXPECT_EQ(log.lines(), std::vector<std::string>{c.line}) << c.body;
+  }
+}
+
+TEST(VNTRRequestResponse, keepsUsableEntriesInOrderAndSkipsTheRestOneByOne) {
+  test::CapturingLog log;
+  const auto response = VNTRRequestResponse::make(
+      R"([{"id":"a","result":{}}, {"id":7,"result":{}}, {"id":"c","error":{"code":1}},
+          {"id":"d","result":null}, {"id":"e","result":[1]}, {"result":{}},
+          {"id":"a","result":{"x":1},"error":{"message":"both"}}, {"id":"f","result":{},"x":1}])");
+  ASSERT_TRUE(response);
+  const auto& entries = response->methodResponses;
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_EQ(entries[0].id, "a");
+  EXPECT_EQ(*entries[0].remoteResult, nlohmann::json::object());
+  EXPECT_FALSE(entries[0].remoteError);
+  EXPECT_EQ(entries[1].id, "c");
+  EXPECT_FALSE(entries[1].remoteResult);
+  EXPECT_EQ((*entries[1].remoteError)["code"], 1);
+  EXPECT_EQ(entries[2].id, "a");  // repeated ids are both kept; routing is the requester's
+  EXPECT_TRUE(entries[2].remoteResult && entries[2].remoteError);
+  EXPECT_EQ(entries[3].id, "f");
+  EXPECT_EQ(log.lines(), std::vector<std::string>(4, kBadEntry));
+}
+
+TEST(VNTRRequestResponse, emptyArrayIsAnAnswerWithNoEntriesAndNoLog) {
+  test::CapturingLog log;
+  const auto response = VNTRRequestResponse::make("[]");
+  ASSERT_TRUE(response);
+  EXPECT_TRUE(response->methodResponses.empty());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+}  // namespace
+}  // namespace vntr
