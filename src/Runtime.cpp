@@ -17,9 +17,40 @@
 
 namespace vntr {
 
+namespace {
+struct SharedRuntimeSettings {
+  std::mutex mutex;
+  bool created = false;                  // guarded by mutex
+  std::optional<uint32_t> hostReachability;  // guarded by mutex
+};
+
+SharedRuntimeSettings& sharedSettings() {
+  static auto* const settings = new SharedRuntimeSettings;  // never destroyed
+  return *settings;
+}
+}  // namespace
+
 Runtime& Runtime::shared() {
-  static auto* const runtime = new Runtime(RuntimeOptions{});  // never destroyed
+  static auto* const runtime = [] {
+    RuntimeOptions options;
+    auto& settings = sharedSettings();
+    std::scoped_lock lock(settings.mutex);
+    settings.created = true;
+    if (settings.hostReachability) {
+      options.reachabilitySource = VNTRReachability::Source::host;
+      options.initialReachabilityFlags = *settings.hostReachability;
+    }
+    return new Runtime(std::move(options));  // never destroyed
+  }();
   return *runtime;
+}
+
+bool Runtime::useHostReachability(uint32_t initialFlags) {
+  auto& settings = sharedSettings();
+  std::scoped_lock lock(settings.mutex);
+  if (settings.created) return false;
+  settings.hostReachability = initialFlags;
+  return true;
 }
 
 namespace {

@@ -56,6 +56,10 @@ class Runtime {
       "https://tags.vantrel.com/gdpr/check/json/current";
 
   static Runtime& shared();
+  /// Makes the process-wide runtime take reachability from the host (`updateFlags`) instead of
+  /// the kernel, starting from `initialFlags`. Only before the runtime is first used; false
+  /// afterwards.
+  static bool useHostReachability(uint32_t initialFlags);
 
   explicit Runtime(RuntimeOptions options);
   /// Stops the components' threads in dependency order; work not yet done is dropped.

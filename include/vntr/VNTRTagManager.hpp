@@ -45,6 +45,13 @@ class VNTR_API VNTRTagManager {
   static bool setUserDefaultsPath(const std::string& file);
   /// Installs the host's own main queue (for example an adapter over its UI loop).
   static bool setMainQueue(std::shared_ptr<Executor> executor);
+  /// For hosts where the kernel's routes are not visible (or not meaningful): the host reports
+  /// reachability itself with `updateReachabilityFlags`, starting from `initialFlags`
+  /// (reachable 0x2, cellular 0x40000). Only before first use, like the settings above.
+  static bool useHostReachability(uint32_t initialFlags);
+  /// Reports the network state when the host reports reachability; a reachable report sends a
+  /// waiting batch at once. Ignored when the kernel is the source.
+  static void updateReachabilityFlags(uint32_t flags);
 
   /// Library-internal: a tag manager over an explicit set of components (tests build their own).
   explicit VNTRTagManager(Runtime& runtime);

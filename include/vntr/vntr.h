@@ -65,11 +65,12 @@ VNTR_C_API vntr_status_t vntr_set_server_url(const char* url);
  * numbers are ignored. */
 VNTR_C_API void vntr_set_request_timeout(double seconds);
 
-/* Wraps UserDefaults::set(key, string); a NULL value removes the key. */
+/* Wraps UserDefaults::setString; a NULL value removes the key (removeObjectForKey). Any of these
+ * three creates the standard user defaults and so freezes the paths below: set paths first. */
 VNTR_C_API vntr_status_t vntr_user_defaults_set_string(const char* key, const char* value);
-/* Wraps UserDefaults::set(key, double). */
+/* Wraps UserDefaults::setDouble; values that are not finite are refused. */
 VNTR_C_API vntr_status_t vntr_user_defaults_set_double(const char* key, double value);
-/* Wraps UserDefaults::set(key, bool). */
+/* Wraps UserDefaults::setBool. */
 VNTR_C_API vntr_status_t vntr_user_defaults_set_bool(const char* key, int value);
 
 /* Wrap VNTRTagManager::setMainBundlePath, setDocumentsDirectory and setUserDefaultsPath.
@@ -78,6 +79,12 @@ VNTR_C_API vntr_status_t vntr_user_defaults_set_bool(const char* key, int value)
 VNTR_C_API vntr_status_t vntr_set_main_bundle_path(const char* directory);
 VNTR_C_API vntr_status_t vntr_set_documents_directory(const char* directory);
 VNTR_C_API vntr_status_t vntr_set_user_defaults_path(const char* file);
+
+/* Wraps VNTRTagManager::useHostReachability: the host reports reachability itself (flags:
+ * reachable 0x2, cellular 0x40000). Only before first use; VNTR_INVALID_ARGUMENT afterwards. */
+VNTR_C_API vntr_status_t vntr_use_host_reachability(uint32_t initial_flags);
+/* Wraps VNTRTagManager::updateReachabilityFlags. */
+VNTR_C_API void vntr_update_reachability_flags(uint32_t flags);
 
 VNTR_C_API extern const double VNTRTagManagerVersionNumber;
 VNTR_C_API extern const unsigned char VNTRTagManagerVersionString[];

@@ -137,4 +137,15 @@ void vntr_set_request_timeout(double seconds) {
   }
 }
 
+vntr_status_t vntr_use_host_reachability(uint32_t initial_flags) {
+  return guarded([&] {
+    return vntr::VNTRTagManager::useHostReachability(initial_flags) ? VNTR_OK
+                                                                    : VNTR_INVALID_ARGUMENT;
+  });
+}
+
+void vntr_update_reachability_flags(uint32_t flags) {
+  vntr::VNTRTagManager::updateReachabilityFlags(flags);
+}
+
 }  // extern "C"

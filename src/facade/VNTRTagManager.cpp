@@ -54,6 +54,19 @@ bool VNTRTagManager::setMainQueue(std::shared_ptr<Executor> executor) {
   return installMainQueue(std::move(executor));
 }
 
+bool VNTRTagManager::useHostReachability(uint32_t initialFlags) {
+  return Runtime::useHostReachability(initialFlags);
+}
+
+void VNTRTagManager::updateReachabilityFlags(uint32_t flags) {
+  try {
+    auto& reachability = Runtime::shared().reachability();
+    if (reachability.source() == VNTRReachability::Source::host) reachability.updateFlags(flags);
+  } catch (...) {
+    // Nothing may reach the host.
+  }
+}
+
 void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority, bool startRequester) {

@@ -5,7 +5,7 @@
 
 namespace vntr {
 
-VNTRReachability::VNTRReachability(Source source, uint32_t initialFlags) {
+VNTRReachability::VNTRReachability(Source source, uint32_t initialFlags) : source_(source) {
   switch (source) {
     case Source::kernel:
       monitor_ = RouteMonitor::start([this](uint32_t flags) { updateFlags(flags); });

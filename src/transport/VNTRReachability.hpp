@@ -46,12 +46,14 @@ class VNTRReachability {
   std::string connectionType() const;
   /// True when some source reports flags (the monitor started, or the host reports).
   bool hasMonitor() const { return hasMonitor_; }
+  Source source() const { return source_; }
 
   /// Stores `flags`; when they carry the reachable bit, asks for a batch at once.
   void updateFlags(uint32_t flags);
 
  private:
   std::atomic<uint32_t> flags_{0};
+  Source source_;
   bool hasMonitor_ = false;
   mutable std::mutex mutex_;
   std::shared_ptr<const std::function<void()>> onReachable_;  // guarded by mutex_
