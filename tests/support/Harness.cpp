@@ -125,7 +125,7 @@ Harness::Harness(HarnessOptions options)
     completion(std::nullopt, std::nullopt, HTTPError{"CURL", 7, "offline in tests"});
   };
   runtimeOptions.userDefaults = defaults;
-  runtimeOptions.reachabilitySource = VNTRReachability::Source::host;
+  runtimeOptions.reachabilitySource = options.reachabilitySource;
   runtimeOptions.initialReachabilityFlags = options.reachabilityFlags;
   runtime = std::make_unique<Runtime>(std::move(runtimeOptions));
 }

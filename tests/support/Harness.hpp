@@ -1,11 +1,10 @@
 #pragma once
 
-#include <vntr/UserDefaults.hpp>
-
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+#include <vntr/UserDefaults.hpp>
 
 #include "Runtime.hpp"
 #include "core/ManualExecutor.hpp"
@@ -76,7 +75,9 @@ class RecordingDelegate final : public VNTRTagManagerDelegate {
 struct HarnessOptions {
   bool siteId = true;
   bool consent = true;
-  uint32_t reachabilityFlags = 0x2;
+  uint32_t reachabilityFlags = 0x2;  // the host-reported starting state
+  /// The kernel source starts the real route monitor (for tests in a network namespace).
+  VNTRReachability::Source reachabilitySource = VNTRReachability::Source::host;
 };
 
 /// An isolated runtime: a temporary data directory, one manual queue serving as main and store
