@@ -1,0 +1,175 @@
+// vntr queue: what the request queue holds, read without changing it.
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "CliSupport.hpp"
+#include "Commands.hpp"
+
+namespace vntr::cli {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr const char* kStoreFileName = "requests_Data.sqlite";
+
+struct Stored {
+  std::string id;
+  double timeStamp = 0;
+  int64_t bytes = 0;
+};
+
+struct QueueReport {
+  int64_t count = 0;
+  int64_t totalBytes = 0;
+  std::optional<Stored> oldest;
+  std::optional<Stored> newest;
+};
+
+/// A read-only connection; never creates, migrates or trims anything.
+class ReadOnlyDatabase {
+ public:
+  explicit ReadOnlyDatabase(const std::filesystem::path& file) {
+    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+      error_ = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+      return;
+    }
+    sqlite3_busy_timeout(db_, 2000);  // the library may be committing right now
+  }
+  ~ReadOnlyDatabase() { sqlite3_close_v2(db_); }
+  ReadOnlyDatabase(const ReadOnlyDatabase&) = delete;
+  ReadOnlyDatabase& operator=(const ReadOnlyDatabase&) = delete;
+
+  const std::optional<std::string>& error() const { return error_; }
+
+  /// Runs `sql` and calls `row` for each result row; false (with error()) on failure.
+  template <typename Row>
+  bool query(const char* sql, Row&& row) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) != SQLITE_OK) {
+      error_ = sqlite3_errmsg(db_);
+      return false;
+    }
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) row(statement);
+    if (rc != SQLITE_DONE) error_ = sqlite3_errmsg(db_);
+    sqlite3_finalize(statement);
+    return rc == SQLITE_DONE;
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+  std::optional<std::string> error_;
+};
+
+Stored readStored(sqlite3_stmt* statement) {
+  Stored s;
+  if (const auto* text = sqlite3_column_text(statement, 0)) {
+    s.id.assign(reinterpret_cast<const char*>(text),
+                static_cast<size_t>(sqlite3_column_bytes(statement, 0)));
+  }
+  s.timeStamp = sqlite3_column_double(statement, 1);
+  s.bytes = sqlite3_column_int64(statement, 2);
+  return s;
+}
+
+std::optional<QueueReport> readQueue(ReadOnlyDatabase& db) {
+  QueueReport report;
+  // One read transaction, so the four answers describe the same moment.
+  if (!db.query("BEGIN", [](sqlite3_stmt*) {})) return std::nullopt;
+  const bool ok = db.query("SELECT COUNT(*), COALESCE(SUM(LENGTH(jsonData)), 0) FROM SyncEvent",
+                           [&](sqlite3_stmt* s) {
+                             report.count = sqlite3_column_int64(s, 0);
+                             report.totalBytes = sqlite3_column_int64(s, 1);
+                           }) &&
+                  db.query(
+                      "SELECT id, timeStamp, LENGTH(jsonData) FROM SyncEvent "
+                      "ORDER BY timeStamp ASC, pk ASC LIMIT 1",
+                      [&](sqlite3_stmt* s) { report.oldest = readStored(s); }) &&
+                  db.query(
+                      "SELECT id, timeStamp, LENGTH(jsonData) FROM SyncEvent "
+                      "ORDER BY timeStamp DESC, pk DESC LIMIT 1",
+                      [&](sqlite3_stmt* s) { report.newest = readStored(s); });
+  db.query("COMMIT", [](sqlite3_stmt*) {});
+  if (!ok) return std::nullopt;
+  return report;
+}
+
+int64_t fileBytes(const std::filesystem::path& file) {
+  int64_t total = 0;
+  for (const char* suffix : {"", "-wal"}) {
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(file.string() + suffix, ec);
+    if (!ec) total += static_cast<int64_t>(size);
+  }
+  return total;
+}
+
+json storedJSON(const std::optional<Stored>& s) {
+  if (!s) return nullptr;
+  return {{"id", s->id},
+          {"time", formatReferenceDate(s->timeStamp, /*iso=*/true)},
+          {"timeStamp", s->timeStamp},
+          {"bytes", s->bytes}};
+}
+
+std::string storedText(const Stored& s) {
+  return formatReferenceDate(s.timeStamp) + "  id " + (s.id.empty() ? "(untracked)" : s.id) + "  " +
+         withThousands(s.bytes) + " bytes";
+}
+
+void printText(const std::filesystem::path& file, const QueueReport& r) {
+  std::printf("queue    %s\n", file.c_str());
+  std::printf("count    %s request%s\n", withThousands(r.count).c_str(), r.count == 1 ? "" : "s");
+  if (r.oldest) std::printf("oldest   %s\n", storedText(*r.oldest).c_str());
+  if (r.newest) std::printf("newest   %s\n", storedText(*r.newest).c_str());
+  std::printf("size     %s bytes of requests", withThousands(r.totalBytes).c_str());
+  if (r.count > 0) std::printf(", %s on average", withThousands(r.totalBytes / r.count).c_str());
+  std::printf("; file %s bytes\n", withThousands(fileBytes(file)).c_str());
+}
+
+}  // namespace
+
+int runQueue(const QueueOptions& options) {
+  const std::filesystem::path directory =
+      options.dir.empty() ? defaultDocumentsDirectory() : std::filesystem::path(options.dir);
+  const auto file = directory / kStoreFileName;
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(file, ec)) {
+    if (options.json) {
+      std::printf("%s\n", json({{"path", file.string()}, {"exists", false}}).dump().c_str());
+    } else {
+      std::printf("no request queue at %s (nothing has been stored there)\n", file.c_str());
+    }
+    return kExitFailed;
+  }
+  ReadOnlyDatabase db(file);
+  std::optional<QueueReport> report;
+  if (!db.error()) report = readQueue(db);
+  if (!report) {
+    std::fprintf(stderr, "vntr queue: cannot read %s: %s\n", file.c_str(),
+                 db.error().value_or("unknown error").c_str());
+    return kExitFailed;
+  }
+  if (options.json) {
+    const json out = {{"path", file.string()},
+                      {"exists", true},
+                      {"count", report->count},
+                      {"oldest", storedJSON(report->oldest)},
+                      {"newest", storedJSON(report->newest)},
+                      {"totalBytes", report->totalBytes},
+                      {"averageBytes", report->count > 0 ? report->totalBytes / report->count : 0},
+                      {"fileBytes", fileBytes(file)}};
+    std::printf("%s\n", out.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+  } else {
+    printText(file, *report);
+  }
+  return kExitOk;
+}
+
+}  // namespace vntr::cli
