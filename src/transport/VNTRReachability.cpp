@@ -10,8 +10,12 @@ VNTRReachability::VNTRReachability(Source source, uint32_t initialFlags) : sourc
     case Source::kernel:
       monitor_ = RouteMonitor::start([this](uint32_t flags) { updateFlags(flags); });
       hasMonitor_ = monitor_ != nullptr;
-      // The initial read is stored directly: creating the instance never starts a batch.
-      if (monitor_) flags_.store(monitor_->initialFlags(), std::memory_order_release);
+      // The initial read is stored directly: creating the instance never starts a batch. The
+      // monitor's thread already runs; a report it made meanwhile is newer and is kept.
+      if (monitor_) {
+        std::scoped_lock lock(mutex_);
+        if (!updated_) flags_.store(monitor_->initialFlags(), std::memory_order_release);
+      }
       break;
     case Source::host:
       hasMonitor_ = true;
@@ -40,11 +44,12 @@ std::string VNTRReachability::connectionType() const {
 }
 
 void VNTRReachability::updateFlags(uint32_t flags) {
-  flags_.store(flags, std::memory_order_release);
-  if ((flags & kReachable) == 0) return;
   std::shared_ptr<const std::function<void()>> hook;
   {
     std::scoped_lock lock(mutex_);
+    flags_.store(flags, std::memory_order_release);
+    updated_ = true;
+    if ((flags & kReachable) == 0) return;
     hook = onReachable_;
   }
   if (hook && *hook) (*hook)();

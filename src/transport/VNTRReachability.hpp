@@ -57,6 +57,7 @@ class VNTRReachability {
   bool hasMonitor_ = false;
   mutable std::mutex mutex_;
   std::shared_ptr<const std::function<void()>> onReachable_;  // guarded by mutex_
+  bool updated_ = false;  // guarded by mutex_: updateFlags has stored flags
   std::unique_ptr<RouteMonitor> monitor_;
 };
 
