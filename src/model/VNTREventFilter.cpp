@@ -9,13 +9,14 @@ namespace vntr {
 VNTREventFilter::VNTREventFilter(double initialExpiry, std::shared_ptr<const Clock> clock)
     : clock_(std::move(clock)) {
   auto initial = std::make_shared<Snapshot>();
-  // A NaN expiry would never compare as stale and would drop every call for good.
+  // NaN or infinity would never compare as stale and would drop every call for good.
   initial->expiry = std::isfinite(initialExpiry) ? initialExpiry : 0;
-  snapshot_.store(std::move(initial));
+  snapshot_ = std::move(initial);
 }
 
 std::shared_ptr<const VNTREventFilter::Snapshot> VNTREventFilter::snapshot() const {
-  return snapshot_.load();
+  std::scoped_lock lock(mutex_);
+  return snapshot_;
 }
 
 void VNTREventFilter::updateFromResult(const nlohmann::json& records, int64_t expiryMillis) {
@@ -34,7 +35,12 @@ void VNTREventFilter::updateFromResult(const nlohmann::json& records, int64_t ex
     }
   }
   next->expiry = now() + static_cast<double>(expiryMillis) / 1000;
-  snapshot_.store(std::move(next));
+  std::shared_ptr<const Snapshot> previous = std::move(next);
+  {
+    std::scoped_lock lock(mutex_);
+    snapshot_.swap(previous);
+  }
+  // The old list is freed here, outside the lock, if no reader still holds it.
 }
 
 bool VNTREventFilter::isStale(const Snapshot& snapshot) const { return snapshot.expiry < now(); }

@@ -23,9 +23,6 @@ namespace {
 constexpr const char* kStoreFileName = "requests_Data.sqlite";
 constexpr int64_t kMaxQueuedAtStartup = 10000;
 constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
-// Builds joined into one commit at most; bounds both the transaction and how long a created
-// event waits for its statistic.
-constexpr size_t kMaxBatchedSaves = 512;
 // Unsaved inserts kept while saves keep failing (a full disk); the oldest go first, as the
 // start-up trim would drop them anyway.
 constexpr size_t kMaxPendingInserts = 10000;
@@ -91,6 +88,8 @@ bool prepareDatabase(sqlite::Database& db, bool onDisk) {
       if (!mode || mode.step() != sqlite::Statement::Step::row) return false;
     }
     if (!db.exec("PRAGMA synchronous=NORMAL")) return false;
+    // Room for the indexes of a large queue (the default is 2 MiB); grows only as pages are used.
+    db.exec("PRAGMA cache_size=-8192");
     auto check = db.statement("PRAGMA quick_check");
     if (!check || check.step() != sqlite::Statement::Step::row || check.columnText(0) != "ok") {
       return false;
@@ -225,15 +224,20 @@ void EventDataManager::Impl::startupTrim() {
 
 void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   // Counted down before running, so zero means nothing else of the burst is waiting.
-  queuedBatched_.fetch_sub(1, std::memory_order_acq_rel);
+  const bool moreWaiting = queuedBatched_.fetch_sub(1, std::memory_order_acq_rel) > 1;
+  // While a burst lasts, one transaction spans it: the id lookups of its builds then run
+  // without taking and dropping the file locks each time, and the save commits it.
+  if (moreWaiting && db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
   batching_ = true;
   runGuarded(task);
   batching_ = false;
-  if (afterSave_.empty() && !hasChanges()) return;
-  if (queuedBatched_.load(std::memory_order_acquire) == 0 ||
-      afterSave_.size() >= kMaxBatchedSaves) {
+  const bool burstOver = queuedBatched_.load(std::memory_order_acquire) == 0;
+  if ((hasChanges() || !afterSave_.empty()) &&
+      (burstOver || afterSave_.size() >= EventDataManager::kMaxBatchedSaves)) {
     saveContext();
   }
+  // A burst that ends with nothing to save still releases its transaction.
+  if (burstOver && db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
 }
 
 std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
@@ -400,7 +404,8 @@ bool EventDataManager::Impl::commitPending(sqlite::Error& error) {
     if (db_->inTransaction()) db_->exec("ROLLBACK");
     return false;
   };
-  if (!db_->exec("BEGIN IMMEDIATE")) return fail();
+  // A burst may already have begun the transaction.
+  if (!db_->inTransaction() && !db_->exec("BEGIN IMMEDIATE")) return fail();
   for (const int64_t pk : deleted_) {
     auto del = db_->statement(kDelete);
     del.bind(1, pk);
