@@ -1,0 +1,236 @@
+// A host application for the fault tests. It uses the library through its public API, as an app
+// does, and its parent test kills it or lets it end at moments of its choosing.
+//
+//   vntr_fault_child run <dataDir> <serverURL> <firstSeq> <reportFile> <maxEvents> <seconds>
+//       Fires up to maxEvents events with eventData {"seq": firstSeq + n, ...} from one thread
+//       and keeps asking for batches. After each eventCreated it appends the running count to
+//       reportFile, so the parent knows which requests were saved (creation follows the order
+//       of the calls). Ends by itself once maxEvents (> 0) were created and answered, or after
+//       `seconds`.
+//   vntr_fault_child exit <dataDir> <serverURL> <firstSeq> <reportFile> <return|exit>
+//                         <inflight|timer|random> <seed>
+//       Like run, but the events are fired by a detached host thread that never stops, and the
+//       main thread returns from main (or calls exit) once a batch is in flight, once the batch
+//       timer is armed, or after a random delay.
+//   vntr_fault_child lock <storeFile> <write|exclusive>
+//       Another process holding the store: "write" holds a write transaction, "exclusive" also
+//       switches to the exclusive locking mode (no other connection may even read). Prints
+//       "locked" once it holds the lock and keeps it until its standard input ends.
+//
+// dataDir holds what a host has (the same layout as the tests' HostLayout): "bundle" with the
+// site ID, "documents" for the store, "config/defaults.json" for the user defaults.
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vntr/UserDefaults.hpp>
+#include <vntr/VNTRPreferences.hpp>
+#include <vntr/VNTRTagManager.hpp>
+
+#include "Runtime.hpp"
+#include "store/EventDataManager.hpp"
+#include "transport/VNTRRequester.hpp"
+#include "transport/VNTRTimer.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using vntr::VNTRStatistic;
+using vntr::VNTRTagManager;
+
+constexpr uint32_t kReachable = 0x2;
+// A host killed again and again leaves requests behind faster than batches (newest first) send
+// them. It stops firing while its store holds this many, so the store never reaches the
+// start-up trim, which may legitimately drop requests.
+constexpr int64_t kMaxBacklog = 1500;
+
+/// Counts the statistics; appends the running eventCreated count to the report file. Leaked:
+/// library threads call it while the process exits.
+class Reporter final : public vntr::VNTRTagManagerDelegate {
+ public:
+  void notifyForStatistic(int64_t statistic, int64_t adjustment) override {
+    if (statistic < 0 || statistic >= static_cast<int64_t>(counts_.size())) return;
+    const int64_t total =
+        counts_[static_cast<size_t>(statistic)].fetch_add(adjustment) + adjustment;
+    // Reported on the store queue after the commit that holds the request, in creation order.
+    if (statistic == VNTRStatistic::eventCreated && reportFd >= 0) {
+      const std::string line = std::to_string(total) + "\n";
+      (void)!::write(reportFd, line.data(), line.size());
+    }
+  }
+  int64_t operator[](VNTRStatistic statistic) const {
+    return counts_[static_cast<size_t>(statistic.rawValue())].load();
+  }
+  int reportFd = -1;  // set before the delegate is installed
+
+ private:
+  std::array<std::atomic<int64_t>, 10> counts_{};
+};
+
+Reporter& reporter() {
+  static auto* const instance = new Reporter;  // never destroyed
+  return *instance;
+}
+
+int usage() {
+  std::cerr << "usage: vntr_fault_child run|exit|lock ... (see the source)\n";
+  return 2;
+}
+
+void setUpHost(const fs::path& dataDir, const std::string& serverURL, const fs::path& report) {
+  VNTRTagManager::setMainBundlePath((dataDir / "bundle").string());
+  VNTRTagManager::setDocumentsDirectory((dataDir / "documents").string());
+  VNTRTagManager::setUserDefaultsPath((dataDir / "config" / "defaults.json").string());
+  VNTRTagManager::useHostReachability(kReachable);
+  auto& preferences = vntr::VNTRPreferences::sharedPreferences();
+  preferences.setServerURL(serverURL);
+  preferences.setRequestTimeout(5);
+  reporter().reportFd = ::open(report.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  preferences.setTagManagerDelegate(std::shared_ptr<Reporter>(&reporter(), [](Reporter*) {}));
+  // The app's consent component: this user is not subject to GDPR.
+  vntr::UserDefaults::standardUserDefaults().setString("IABConsent_SubjectToGDPR", "0");
+}
+
+void fireOne(int64_t seq, std::mt19937& random) {
+  VNTRTagManager::fireEvents({"fault"}, "fault",
+                             {{"seq", seq}, {"pad", std::string(random() % 64, 'p')}});
+}
+
+int64_t backlog() {
+  return reporter()[VNTRStatistic::eventCreated] - reporter()[VNTRStatistic::eventResultProcessed];
+}
+
+// Read through the library's internals; the host's public API has no such question.
+int64_t storedRequests() {
+  auto& store = vntr::Runtime::shared().store();
+  int64_t count = 0;
+  store.performAndWait([&] { count = store.count(); });
+  return count;
+}
+
+int run(char** argv) {
+  const fs::path dataDir = argv[2];
+  const int64_t firstSeq = std::stoll(argv[4]);
+  const int64_t maxEvents = std::stoll(argv[6]);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(std::stoi(argv[7]));
+  setUpHost(dataDir, argv[3], argv[5]);
+  std::mt19937 random(static_cast<uint32_t>(firstSeq));
+  int64_t fired = 0;
+  bool full = false;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (fired % 10 == 0) full = storedRequests() >= kMaxBacklog;
+    if (fired < maxEvents && !full) {
+      fireOne(firstSeq + fired++, random);
+      // A reachable report asks for a batch at once: batches follow each other closely.
+      if (fired % 25 == 0) VNTRTagManager::updateReachabilityFlags(kReachable);
+      if (fired % 10 == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+      continue;
+    }
+    if (maxEvents > 0 && fired == maxEvents &&
+        reporter()[VNTRStatistic::eventCreated] == maxEvents && backlog() == 0) {
+      return 0;
+    }
+    VNTRTagManager::updateReachabilityFlags(kReachable);
+    std::this_thread::sleep_for(5ms);
+  }
+  return 0;
+}
+
+bool reached(const std::string& point) {
+  const auto& r = reporter();
+  if (point == "inflight") {
+    return r[VNTRStatistic::batchRequestSent] >
+           r[VNTRStatistic::responseReceived] + r[VNTRStatistic::requestFailed];
+  }
+  // "timer"
+  auto& requester = vntr::Runtime::shared().requester();
+  return requester.batchTimer()->isValid() && !requester.isRequesting.load();
+}
+
+int exitWhile(char** argv) {
+  const fs::path dataDir = argv[2];
+  const int64_t firstSeq = std::stoll(argv[4]);
+  const std::string how = argv[6];
+  const std::string point = argv[7];
+  const auto seed = static_cast<uint32_t>(std::stoul(argv[8]));
+  if ((how != "return" && how != "exit") ||
+      (point != "inflight" && point != "timer" && point != "random")) {
+    return usage();
+  }
+  setUpHost(dataDir, argv[3], argv[5]);
+  // Only the fire-now rule starts batches early; left alone, the first batch timer stays armed
+  // for its full interval.
+  const bool askForBatches = point != "timer";
+  std::thread([firstSeq, seed, askForBatches] {
+    std::mt19937 random(seed);
+    for (int64_t n = 0;; ++n) {
+      fireOne(firstSeq + n, random);
+      if (askForBatches && n % 25 == 24) VNTRTagManager::updateReachabilityFlags(kReachable);
+      if (n % 5 == 4) std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+    }
+  }).detach();
+
+  std::mt19937 random(seed ^ 0x9e3779b9u);
+  if (point == "random") {
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 150000));
+  } else {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!reached(point)) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        std::cerr << "vntr_fault_child: never reached " << point << "\n";
+        return 3;
+      }
+      std::this_thread::sleep_for(200us);
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+  }
+  if (how == "exit") std::exit(0);
+  return 0;
+}
+
+int lock(char** argv) {
+  const std::string how = argv[3];
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    std::cerr << "cannot open " << argv[2] << "\n";
+    return 1;
+  }
+  sqlite3_busy_timeout(db, 5000);
+  if (how == "exclusive" &&
+      sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return 1;
+  }
+  if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
+    return 1;
+  }
+  std::cout << "locked" << std::endl;
+  char buffer[256];
+  while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+  }
+  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close_v2(db);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string mode = argc > 1 ? argv[1] : "";
+  if (mode == "run" && argc == 8) return run(argv);
+  if (mode == "exit" && argc == 9) return exitWhile(argv);
+  if (mode == "lock" && argc == 4) return lock(argv);
+  return usage();
+}

@@ -1,0 +1,459 @@
+#include "fault/FaultSupport.hpp"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <httplib.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <vntr/VNTRTagManager.hpp>
+
+#include "SandboxServer.hpp"
+#include "core/SerialExecutor.hpp"
+#include "core/VNTRInfo.hpp"
+#include "model/VNTREventPriority.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "store/EventDataManager.hpp"
+#include "support/TestSupport.hpp"
+#include "transport/VNTRRequester.hpp"
+
+namespace vntr::test {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+std::string faultChildProgram() { return VNTR_FAULT_CHILD; }
+
+// --- ChildProcess ---
+
+namespace {
+
+int openOutput(const fs::path& file) {
+  if (file.empty()) return ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  return ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
+// Between fork and exec only async-signal-safe calls: everything is prepared before the fork.
+[[noreturn]] void execChild(char* const* argv, int in, int out, int err, std::optional<uid_t> runAs,
+                            std::optional<mode_t> mask) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  ::dup2(in, STDIN_FILENO);
+  ::dup2(out, STDOUT_FILENO);
+  ::dup2(err, STDERR_FILENO);
+  // The test's sockets and files must not live on in the child (a held connection would keep a
+  // server's worker busy).
+  if (::syscall(SYS_close_range, 3U, ~0U, 0U) != 0) {
+    for (int fd = 3; fd < 4096; ++fd) ::close(fd);
+  }
+  if (mask) ::umask(*mask);
+  if (runAs) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(*runAs) != 0 || ::setuid(*runAs) != 0) {
+      ::_exit(126);
+    }
+  }
+  ::execv(argv[0], argv);
+  ::_exit(127);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const Options& options) {
+  std::vector<std::string> arguments = options.arguments;
+  std::vector<char*> argv;
+  for (auto& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  int pipeFds[2] = {-1, -1};
+  int in = -1;
+  if (options.pipeStdin) {
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return;
+    in = pipeFds[0];
+  } else {
+    in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+  const int out = openOutput(options.stdoutFile);
+  const int err = openOutput(options.stderrFile);
+  if (in >= 0 && out >= 0 && err >= 0) {
+    pid_ = ::fork();
+    if (pid_ == 0) execChild(argv.data(), in, out, err, options.runAs, options.umask);
+  }
+  for (const int fd : {in, out, err}) {
+    if (fd >= 0) ::close(fd);
+  }
+  if (options.pipeStdin) {
+    if (pid_ > 0) {
+      stdin_ = pipeFds[1];
+    } else {
+      ::close(pipeFds[1]);
+    }
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  closeStdin();
+  if (pid_ > 0 && !status_) kill();
+}
+
+void ChildProcess::kill() {
+  if (pid_ <= 0 || status_) return;
+  ::kill(pid_, SIGKILL);
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  status_ = status;
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0) return std::nullopt;
+  if (status_) return status_;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    const pid_t done = ::waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      status_ = status;
+      return status_;
+    }
+    if (done < 0 && errno != EINTR) return std::nullopt;
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+bool ChildProcess::writeStdin(const std::string& text) {
+  if (stdin_ < 0) return false;
+  size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = ::write(stdin_, text.data() + written, text.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    written += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void ChildProcess::closeStdin() {
+  if (stdin_ >= 0) ::close(stdin_);
+  stdin_ = -1;
+}
+
+ChildProcess::Options command(std::vector<std::string> arguments, fs::path stderrFile) {
+  ChildProcess::Options options;
+  options.arguments = std::move(arguments);
+  options.stderrFile = std::move(stderrFile);
+  return options;
+}
+
+std::string describeWaitStatus(int status) {
+  if (WIFEXITED(status)) return "exited with " + std::to_string(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
+  return "wait status " + std::to_string(status);
+}
+
+// --- files ---
+
+std::string readFile(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool hasSanitizerReport(const std::string& text) {
+  for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                             "WARNING: ThreadSanitizer", "ThreadSanitizer:", "runtime error:",
+                             "SUMMARY: AddressSanitizer", "SUMMARY: UndefinedBehaviorSanitizer"}) {
+    if (text.find(marker) != std::string::npos) return true;
+  }
+  return false;
+}
+
+void writeSiteID(const fs::path& bundleDirectory) {
+  fs::create_directories(bundleDirectory);
+  std::ofstream(bundleDirectory / "VantrelTagManagerSDKInfo.plist")
+      << R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict><key>VantrelSiteID</key><string>12345</string></dict></plist>
+)";
+}
+
+HostLayout::HostLayout(fs::path r)
+    : root(std::move(r)),
+      bundle(root / "bundle"),
+      documents(root / "documents"),
+      defaults(root / "config" / "defaults.json"),
+      store(documents / "requests_Data.sqlite") {}
+
+int64_t readReportedCount(const fs::path& reportFile) {
+  const std::string text = readFile(reportFile);
+  int64_t largest = 0;
+  size_t start = 0;
+  for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+    const std::string line = text.substr(start, end - start);
+    start = end + 1;
+    if (!line.empty()) largest = std::max<int64_t>(largest, std::stoll(line));
+  }
+  return largest;
+}
+
+// --- store contents ---
+
+StoreContents readStore(const fs::path& storeFile) {
+  StoreContents contents;
+  std::error_code ec;
+  contents.exists = fs::exists(storeFile, ec);
+  if (!contents.exists) return contents;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(storeFile.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    contents.error = db != nullptr ? sqlite3_errmsg(db) : "cannot open";
+    sqlite3_close_v2(db);
+    return contents;
+  }
+  sqlite3_busy_timeout(db, 5000);
+  contents.opened = true;
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr) == SQLITE_OK) {
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      if (!contents.integrity.empty()) contents.integrity += "\n";
+      contents.integrity += reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    }
+  } else {
+    contents.error = sqlite3_errmsg(db);
+  }
+  sqlite3_finalize(stmt);
+  stmt = nullptr;
+  // A store killed before it made its table holds no requests.
+  constexpr const char* kSequences =
+      "SELECT json_extract(jsonData, '$.params.eventData.seq') FROM SyncEvent";
+  if (sqlite3_prepare_v2(db, kSequences, -1, &stmt, nullptr) == SQLITE_OK) {
+    int step = SQLITE_ROW;
+    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
+      ++contents.rows;
+      if (sqlite3_column_type(stmt, 0) == SQLITE_INTEGER) {
+        contents.sequences.insert(sqlite3_column_int64(stmt, 0));
+      }
+    }
+    if (step != SQLITE_DONE) contents.error = sqlite3_errmsg(db);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close_v2(db);
+  return contents;
+}
+
+std::optional<int64_t> sequenceOf(const json& request) {
+  if (!request.is_object()) return std::nullopt;
+  const json* data = &request;
+  if (const auto params = request.find("params"); params != request.end()) data = &*params;
+  const auto eventData = data->find("eventData");
+  if (eventData == data->end() || !eventData->is_object()) return std::nullopt;
+  const auto seq = eventData->find("seq");
+  if (seq == eventData->end() || !seq->is_number_integer()) return std::nullopt;
+  return seq->get<int64_t>();
+}
+
+// --- EventLedger ---
+
+void EventLedger::attach(sandbox::SandboxServer& server) {
+  server.setBatchObserver([this](const json& batch) {
+    batches_.fetch_add(1);
+    // The observer runs before the answer leaves; an answer that never arrives only makes
+    // the check weaker, never wrong.
+    if (batch.value("delivery", "") != "ok") return;
+    for (const json& member : batch.value("members", json::array())) {
+      const std::string answer = member.value("answer", "");
+      if (answer != "result" && answer != "error") continue;
+      if (const auto seq = sequenceOf(member)) addAnswered(*seq);
+    }
+  });
+}
+
+void EventLedger::addSaved(int64_t firstSeq, int64_t count) {
+  std::scoped_lock lock(mutex_);
+  for (int64_t i = 0; i < count; ++i) saved_.insert(firstSeq + i);
+}
+
+void EventLedger::addAnswered(int64_t seq) {
+  std::scoped_lock lock(mutex_);
+  answered_.insert(seq);
+}
+
+size_t EventLedger::savedCount() const {
+  std::scoped_lock lock(mutex_);
+  return saved_.size();
+}
+
+size_t EventLedger::answeredCount() const {
+  std::scoped_lock lock(mutex_);
+  return answered_.size();
+}
+
+std::vector<int64_t> EventLedger::owed() const {
+  std::scoped_lock lock(mutex_);
+  std::vector<int64_t> owed;
+  for (const int64_t seq : saved_) {
+    if (answered_.count(seq) == 0) owed.push_back(seq);
+  }
+  return owed;
+}
+
+std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents) const {
+  std::vector<int64_t> missing;
+  for (const int64_t seq : owed()) {
+    if (contents.sequences.count(seq) == 0) missing.push_back(seq);
+  }
+  return missing;
+}
+
+// --- CountingDelegate ---
+
+void CountingDelegate::notifyForStatistic(int64_t statistic, int64_t adjustment) {
+  if (statistic >= 0 && statistic < static_cast<int64_t>(counts_.size())) {
+    counts_[static_cast<size_t>(statistic)].fetch_add(adjustment);
+  }
+}
+
+int64_t CountingDelegate::operator[](VNTRStatistic statistic) const {
+  return counts_[static_cast<size_t>(statistic.rawValue())].load();
+}
+
+// --- LiveRuntime ---
+
+namespace {
+class PinnedFacts final : public DeviceFactsSource {
+ public:
+  std::string idfa() override { return "00000000-0000-0000-0000-000000000000"; }
+  std::string idfv() override { return "11111111-2222-3333-4444-555555555555"; }
+  std::string model() override { return "Fault Box"; }
+  std::string systemVersion() override { return "12.1"; }
+  bool trackingEnabled() override { return false; }
+  std::string sdkVersion() override { return "9.9.9"; }
+  std::string language() override { return "en-US"; }
+  std::string hardware() override { return "x86_64"; }
+  std::optional<std::string> bundleIdentifier() override { return "com.example.fault"; }
+  std::optional<TimePoint> firstInstall() override {
+    return TimePoint{std::chrono::seconds{1551441600}};
+  }
+};
+}  // namespace
+
+LiveRuntime::LiveRuntime(const fs::path& root, std::string consentURL)
+    : layout_(root), delegate_(std::make_shared<CountingDelegate>()) {
+  writeSiteID(layout_.bundle);
+  defaults_ = std::make_shared<UserDefaults>(layout_.defaults);
+  defaults_->setString("IABConsent_SubjectToGDPR", "0");
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
+  RuntimeOptions options;
+  options.mainQueue = std::make_shared<SerialExecutor>("FaultMain");
+  options.storeQueue = std::make_shared<SerialExecutor>("FaultStore");
+  options.paths = ProcessPaths{layout_.bundle, layout_.documents, layout_.defaults};
+  options.facts = std::make_shared<PinnedFacts>();
+  options.userDefaults = defaults_;
+  options.reachabilitySource = VNTRReachability::Source::host;
+  options.initialReachabilityFlags = VNTRReachability::kReachable;
+  // Never the production endpoint: a test talks to 127.0.0.1 only (port 9 refuses at once).
+  options.consentCheckURL =
+      consentURL.empty() ? "http://127.0.0.1:9/gdpr/check/json/current" : std::move(consentURL);
+  runtime_ = std::make_unique<Runtime>(std::move(options));
+}
+
+LiveRuntime::~LiveRuntime() {
+  runtime_.reset();
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
+}
+
+void LiveRuntime::fire(const std::vector<std::string>& events, const std::string& eventGroup,
+                       const json& eventData, bool startRequester) {
+  runtime_->tagManager().fireEvents(events, eventGroup, eventData, VNTREventPriority::high,
+                                    startRequester);
+}
+
+int64_t LiveRuntime::storedCount() {
+  int64_t n = 0;
+  auto& store = runtime_->store();
+  store.performAndWait([&] { n = store.count(); });
+  return n;
+}
+
+std::vector<json> LiveRuntime::storedRequests() {
+  std::vector<json> requests;
+  auto& store = runtime_->store();
+  store.performAndWait([&] {
+    for (const auto& event : store.deQueue(0)) {
+      requests.push_back(json::parse(event->jsonData(), nullptr, false));
+    }
+  });
+  return requests;
+}
+
+int64_t LiveRuntime::finishedBatches() const {
+  return counts()[VNTRStatistic::responseReceived] + counts()[VNTRStatistic::requestFailed];
+}
+
+// --- TLS ---
+
+std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& dir) {
+  std::string openssl;
+  const char* path = std::getenv("PATH");
+  std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
+  for (std::string entry; std::getline(directories, entry, ':');) {
+    const fs::path candidate = fs::path(entry) / "openssl";
+    if (!entry.empty() && ::access(candidate.c_str(), X_OK) == 0) {
+      openssl = candidate.string();
+      break;
+    }
+  }
+  if (openssl.empty()) return std::nullopt;
+  SelfSignedCertificate files{dir / "cert.pem", dir / "key.pem"};
+  ChildProcess child(
+      command({openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+               "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
+               "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", files.key.string(), "-out",
+               files.certificate.string()},
+              dir / "openssl.log"));
+  const auto status = child.wait(std::chrono::seconds(30));
+  if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) return std::nullopt;
+  return files;
+}
+
+struct UntrustedTLSServer::Impl {
+  Impl(const SelfSignedCertificate& c) : server(c.certificate.c_str(), c.key.c_str()) {}
+  httplib::SSLServer server;
+  std::thread thread;
+};
+
+UntrustedTLSServer::UntrustedTLSServer(const SelfSignedCertificate& certificate)
+    : impl_(std::make_unique<Impl>(certificate)) {
+  if (!impl_->server.is_valid()) return;
+  impl_->server.Post("/tags", [this](const httplib::Request&, httplib::Response& res) {
+    requests_.fetch_add(1);
+    res.set_content("[]", "application/json");
+  });
+  impl_->server.Get("/gdpr/check/json/current",
+                    [this](const httplib::Request&, httplib::Response& res) {
+                      requests_.fetch_add(1);
+                      res.set_content(R"({"needs_consent":false})", "application/json");
+                    });
+  const int port = impl_->server.bind_to_any_port("127.0.0.1");
+  if (port <= 0) return;
+  impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
+  if (!waitUntil([this] { return impl_->server.is_running(); }, std::chrono::seconds(10))) return;
+  port_ = port;
+}
+
+UntrustedTLSServer::~UntrustedTLSServer() {
+  impl_->server.stop();
+  if (impl_->thread.joinable()) impl_->thread.join();
+}
+
+std::string UntrustedTLSServer::url(const std::string& path) const {
+  return "https://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+}  // namespace vntr::test
