@@ -118,11 +118,11 @@ void VNTRRequester::performRemoteRequests() {
   reportStatistic(VNTRStatistic::batchRequestSent, 1);
   reportStatistic(VNTRStatistic::eventsSent, storedEvents);
   client->post(std::move(body), serverURL_(),
-                     [self = shared_from_this(), pending](std::optional<std::string> data,
-                                                          std::optional<HTTPURLResponse> response,
-                                                          std::optional<HTTPError>) {
-                       self->handleReply(*pending, std::move(data), std::move(response));
-                     });
+               [self = shared_from_this(), pending](std::optional<std::string> data,
+                                                    std::optional<HTTPURLResponse> response,
+                                                    std::optional<HTTPError>) {
+                 self->handleReply(*pending, std::move(data), std::move(response));
+               });
 }
 
 void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string> data,
@@ -134,7 +134,7 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
       reportStatistic(VNTRStatistic::responseEmpty, 1);
     } else {
       reportStatistic(VNTRStatistic::responseDataReceived, 1);
-      store_.performAndWait([&] { dispatchResults(pending, *data); });
+      store_.performAndWait([&] { detail::dispatchResults(pending, *data); });
     }
     isRequesting.store(false);
     fire();
@@ -165,7 +165,7 @@ std::string errorMessage(const nlohmann::json& error) {
 
 }  // namespace
 
-void VNTRRequester::dispatchResults(PendingTable& pending, const std::string& data) {
+void detail::dispatchResults(PendingTable& pending, const std::string& data) {
   auto parsed = VNTRRequestResponse::make(data);
   if (!parsed) {
     reportStatistic(VNTRStatistic::responseUnparsable, 1);

@@ -11,6 +11,7 @@
 
 #include "model/VNTRMethodProtocol.hpp"
 #include "transport/HTTPClientProtocol.hpp"
+#include "transport/VNTRBatchDispatch.hpp"
 #include "transport/VNTRTimer.hpp"
 
 namespace vntr {
@@ -63,12 +64,11 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
 
  private:
-  using PendingTable = std::unordered_map<std::string, std::shared_ptr<VNTRMethodProtocol>>;
+  using PendingTable = detail::PendingTable;
 
   void fireOnMainQueue();
   void handleReply(PendingTable& pending, std::optional<std::string> data,
                    std::optional<HTTPURLResponse> response);
-  void dispatchResults(PendingTable& pending, const std::string& data);
 
   Executor& mainQueue_;
   EventDataManager& store_;
