@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace vntr {
+class ManualExecutor;
+}
+
+namespace vntr::fuzz {
+
+/// A fresh directory for one fuzzer process: on tmpfs when /dev/shm is writable (files are
+/// rewritten and flushed for every input, which a disk would make slow), under the system's
+/// temporary directory otherwise. Removed when the process exits normally.
+std::filesystem::path scratchDirectory();
+
+/// Makes the library's main queue a manual queue that only the fuzzer steps, and silences the
+/// log: log lines and timers then never pile up on another thread between inputs. Call once,
+/// before anything else touches the library; the queue lives for the whole process.
+ManualExecutor& quietMainQueue();
+
+/// Runs every log delivery and other task due on the main queue, so nothing accumulates from
+/// one input to the next.
+void drainMainQueue();
+
+/// Replaces `file` with the bytes of one input. Aborts if the file cannot be written: a fuzzer
+/// that silently tests nothing is worse than one that stops.
+void writeInput(const std::filesystem::path& file, const uint8_t* data, size_t size);
+
+inline std::string_view asText(const uint8_t* data, size_t size) {
+  return {reinterpret_cast<const char*>(data), size};
+}
+
+}  // namespace vntr::fuzz
