@@ -28,5 +28,17 @@ asan:
 tsan:
 	$(MAKE) test PRESET=tsan
 
+# libFuzzer targets in their own clang build; each runs FUZZ_SECONDS from the seed corpus in
+# fuzz/corpus (copied to a scratch directory, so the repository is never written).
+FUZZ_SECONDS ?= 30
+FUZZ_BUILD_DIR = build/fuzz
+
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	  -DVNTR_BUILD_FUZZERS=ON -DVNTR_BUILD_TESTS=OFF -DVNTR_BUILD_TOOLS=OFF \
+	  -DVNTR_WERROR=$(or $(VNTR_WERROR),OFF) >/dev/null
+	@cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target vntr_fuzzers
+	fuzz/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
+
 clean:
 	rm -rf build
