@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <vector>
 #include <vntr/VNTRTagManager.hpp>
@@ -64,8 +63,13 @@ std::vector<nlohmann::json> syncRequests(const std::string& text) {
   return requests;
 }
 
+/// The value at `pointer` in `request`, or null when a server or store gave something else.
+nlohmann::json field(const nlohmann::json& request, const std::string& pointer) {
+  return request.value(nlohmann::json::json_pointer(pointer), nlohmann::json());
+}
+
 bool names(const nlohmann::json& request, const std::string& event) {
-  const auto events = request["params"]["events"];
+  const auto events = field(request, "/params/events");
   return events.is_array() && events.size() == 1 && events[0] == event;
 }
 
@@ -79,7 +83,7 @@ std::string connectionTypeOf(Harness& h, const std::string& event) {
   for (const auto& text : texts) {
     for (const auto& request : syncRequests(text)) {
       if (!names(request, event)) continue;
-      const auto type = request["params"]["deviceData"]["connectionType"];
+      const auto type = field(request, "/params/deviceData/connectionType");
       return type.is_string() ? type.get<std::string>() : "(not a string: " + type.dump() + ")";
     }
   }
@@ -92,7 +96,8 @@ std::vector<std::string> eventsInLastBatch(Harness& h) {
   std::vector<std::string> events;
   if (bodies.empty()) return events;
   for (const auto& request : syncRequests(bodies.back())) {
-    events.push_back(request["params"]["events"][0].get<std::string>());
+    const auto name = field(request, "/params/events/0");
+    events.push_back(name.is_string() ? name.get<std::string>() : name.dump());
   }
   return events;
 }
