@@ -159,6 +159,7 @@ class EventDataManager::Impl {
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
   StoreKind kind_ = StoreKind::none;  // written once by open(), before anyone else sees us
+  bool lockedByOther_ = false;        // open() only: the last attempt failed on a lock
 
   // Confined to the queue.
   std::unique_ptr<sqlite::Database> db_;
@@ -186,9 +187,15 @@ bool EventDataManager::Impl::attempt(StoreKind kind, const std::filesystem::path
                 : sqlite::Database::open(
                       ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                       error);
-  if (!db || !prepareDatabase(*db, onDisk)) return false;
+  if (!db) return false;
+  const auto fail = [&] {
+    const int code = db->lastError().code;
+    lockedByOther_ = code == SQLITE_BUSY || code == SQLITE_LOCKED;
+    return false;
+  };
+  if (!prepareDatabase(*db, onDisk)) return fail();
   auto maxPk = db->statement(kMaxPk);
-  if (maxPk.step() != sqlite::Statement::Step::row) return false;
+  if (maxPk.step() != sqlite::Statement::Step::row) return fail();
   nextPk_ = maxPk.columnInt64(0) + 1;
   db_ = std::move(db);
   kind_ = kind;
@@ -203,7 +210,10 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
   if (attempt(StoreKind::sqlite, path, allowed)) return;
   Debug(VantrelLogLevel::error,
         "Failed to initialize the event store.  Attempting to create new store.");
-  if (deleteStoreFile(path) && attempt(StoreKind::recreated, path, allowed)) return;
+  // A file another process keeps locked is not broken: it is left alone, not deleted.
+  if (!lockedByOther_ && deleteStoreFile(path) && attempt(StoreKind::recreated, path, allowed)) {
+    return;
+  }
   Debug(VantrelLogLevel::error,
         "Failed to initialize new event store.  Will attempt in memory storage.");
   if (attempt(StoreKind::memory, path, allowed)) return;

@@ -276,6 +276,25 @@ TEST_F(StoreTest, aTruncatedDatabaseIsFoundAtOpenNotAtTheFirstBatch) {
   EXPECT_EQ(dequeuedData(80).size(), 0u);
 }
 
+TEST_F(StoreTest, aFileLockedByAnotherProcessIsNotDeleted) {
+  open();
+  fill(3);
+  store.reset();
+  // Another connection holds the file exclusively for the whole open (its busy timeout runs out).
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open_v2(file.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;", nullptr, nullptr,
+                         nullptr),
+            SQLITE_OK);
+  test::CapturingLog log;
+  open();
+  EXPECT_EQ(store->kind(), Kind::memory);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{kStoreFailed, kNewStoreFailed}));
+  sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close_v2(other);
+  EXPECT_EQ(rowsOnDisk(file), 3);
+}
+
 TEST_F(StoreTest, aDirectoryInPlaceOfTheFileLeavesItAloneAndUsesMemory) {
   fs::create_directories(file / "inside");
   test::CapturingLog log;
