@@ -7,6 +7,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -38,13 +40,65 @@ constexpr long kMaxHostConnections = 6;
 // Long enough to mean "never" for a batch, short enough to stay far from overflowing a long.
 constexpr double kMaxTimeoutSeconds = 7 * 24 * 3600.0;
 
+// How long exit waits for a transport thread to leave libcurl; only a completion that blocks
+// (a host delegate waiting on something) could make it wait that long.
+constexpr auto kExitStopTimeout = std::chrono::seconds(2);
+
+/// A transport thread that must be out of libcurl before the TLS library's exit handler runs.
+class StoppedAtExit {
+ public:
+  virtual ~StoppedAtExit() = default;
+  /// Stops the thread and waits until it has finished, or until `deadline`.
+  virtual void stopForExit(std::chrono::steady_clock::time_point deadline) noexcept = 0;
+};
+
+/// The transports whose threads may run at exit. Never destroyed: exit reads it.
+struct TransportsAtExit {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<StoppedAtExit>> live;  // guarded by mutex
+};
+
+TransportsAtExit& transportsAtExit() {
+  static auto* const transports = new TransportsAtExit;  // never destroyed
+  return *transports;
+}
+
+void stopTransportsAtExit() noexcept {
+  std::vector<std::shared_ptr<StoppedAtExit>> live;
+  try {
+    auto& transports = transportsAtExit();
+    std::scoped_lock lock(transports.mutex);
+    for (const auto& weak : transports.live) {
+      if (auto transport = weak.lock()) live.push_back(std::move(transport));
+    }
+  } catch (...) {
+    return;  // out of memory while exiting: nothing better to do than to let exit go on
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kExitStopTimeout;
+  for (const auto& transport : live) transport->stopForExit(deadline);
+}
+
+void stopAtExit(std::weak_ptr<StoppedAtExit> transport) {
+  auto& transports = transportsAtExit();
+  std::scoped_lock lock(transports.mutex);
+  std::erase_if(transports.live, [](const auto& weak) { return weak.expired(); });
+  transports.live.push_back(std::move(transport));
+}
+
 // Trivially destructible, so it is safe at namespace scope in a library that is never torn down.
 std::once_flag curlGlobalInitFlag;
 
 void initializeCurlOnce() {
   // Never paired with curl_global_cleanup: the host may use libcurl too, and our thread may still
   // run while the process exits.
-  std::call_once(curlGlobalInitFlag, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  std::call_once(curlGlobalInitFlag, [] {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // The TLS library is initialised by now (by this call or earlier by the host) and has
+    // registered the exit handler that frees its tables; a transport thread inside a handshake
+    // or a random-number call at that moment crashes the exiting process. Exit handlers run in
+    // reverse order of registration, so this one runs before it and stops our threads first.
+    std::atexit(stopTransportsAtExit);
+  });
 }
 
 struct ParsedURL {
@@ -132,7 +186,7 @@ size_t writeBody(char* bytes, size_t size, size_t count, void* userdata) noexcep
 
 }  // namespace
 
-struct HTTPClient::State {
+struct HTTPClient::State final : StoppedAtExit {
   State() {
     initializeCurlOnce();
     multi = curl_multi_init();
@@ -146,7 +200,7 @@ struct HTTPClient::State {
       if (withExpect != nullptr) postHeaders = withExpect;
     }
   }
-  ~State() {
+  ~State() override {
     for (CURL* easy : idle) curl_easy_cleanup(easy);
     if (multi != nullptr) curl_multi_cleanup(multi);
     curl_slist_free_all(postHeaders);
@@ -175,6 +229,14 @@ struct HTTPClient::State {
     curl_multi_wakeup(multi);
   }
 
+  void stopForExit(std::chrono::steady_clock::time_point deadline) noexcept override {
+    // Exit called from one of our own completions: the thread cannot wait for itself.
+    if (runner.load() == std::this_thread::get_id()) return;
+    requestStop();
+    std::unique_lock lock(mutex);
+    finishedChanged.wait_until(lock, deadline, [this] { return finished; });
+  }
+
   void run() noexcept;
   void start(Request request);
   void configure(CURL* easy, Transfer& transfer) const;
@@ -192,6 +254,9 @@ struct HTTPClient::State {
   std::mutex mutex;
   std::vector<Request> queue;  // guarded by mutex
   bool stopping = false;       // guarded by mutex
+  bool finished = false;       // guarded by mutex: the thread has shut down and left libcurl
+  std::condition_variable finishedChanged;
+  std::atomic<std::thread::id> runner{};
 
   // Confined to the transport thread.
   std::unordered_map<CURL*, std::unique_ptr<Transfer>> active;
@@ -200,6 +265,7 @@ struct HTTPClient::State {
 
 void HTTPClient::State::run() noexcept {
   pthread_setname_np(pthread_self(), "VNTRTransport");
+  runner.store(std::this_thread::get_id());
   for (;;) {
     std::vector<Request> incoming;
     bool stop = false;
@@ -210,6 +276,11 @@ void HTTPClient::State::run() noexcept {
     }
     if (stop) {
       shutDown(std::move(incoming));
+      {
+        std::scoped_lock lock(mutex);
+        finished = true;
+      }
+      finishedChanged.notify_all();
       return;
     }
     try {
@@ -374,7 +445,11 @@ HTTPClient::HTTPClient(std::function<double()> requestTimeout)
       // Without a thread every request fails at once; see submit.
     }
   }
-  if (!thread_.joinable()) Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
+  if (thread_.joinable()) {
+    stopAtExit(state_);
+  } else {
+    Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
+  }
 }
 
 HTTPClient::~HTTPClient() {

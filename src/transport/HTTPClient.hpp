@@ -28,7 +28,9 @@ namespace vntr {
 /// Ownership: the submission queue and the stop flag are guarded by one mutex; the curl handles
 /// and the transfers in flight are confined to the transport thread. The process-wide instance
 /// is leaked on purpose; test instances may be destroyed, even from one of their own completions
-/// (the thread then finishes its shutdown after that completion returns).
+/// (the thread then finishes its shutdown after that completion returns). When the process exits,
+/// an exit handler stops every transport thread (transfers in flight complete with the shut-down
+/// error) before the TLS library's own exit handler frees what a handshake would still use.
 class HTTPClient final : public HTTPClientProtocol {
  public:
   static constexpr size_t kMaxResponseBytes = 4 * 1024 * 1024;
