@@ -303,10 +303,11 @@ std::vector<int64_t> EventLedger::owed() const {
   return owed;
 }
 
-std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents) const {
+std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
+                                              int64_t firstSeq) const {
   std::vector<int64_t> missing;
   for (const int64_t seq : owed()) {
-    if (contents.sequences.count(seq) == 0) missing.push_back(seq);
+    if (seq >= firstSeq && contents.sequences.count(seq) == 0) missing.push_back(seq);
   }
   return missing;
 }

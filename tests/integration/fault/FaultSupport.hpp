@@ -137,8 +137,8 @@ class EventLedger {
   int64_t batches() const { return batches_.load(); }
   /// Saved requests without an answer (in order).
   std::vector<int64_t> owed() const;
-  /// Saved requests without an answer that `contents` lacks.
-  std::vector<int64_t> missingFrom(const StoreContents& contents) const;
+  /// Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks.
+  std::vector<int64_t> missingFrom(const StoreContents& contents, int64_t firstSeq = 0) const;
 
  private:
   mutable std::mutex mutex_;
