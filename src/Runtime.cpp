@@ -92,8 +92,11 @@ Runtime::Runtime(RuntimeOptions options)
 }
 
 Runtime::~Runtime() {
-  // Threads first, in the order that keeps their callbacks' targets alive: the consent check
-  // and batch replies (transport), then route changes (reachability), then queued store work.
+  // Threads first, in the order that keeps their callbacks' targets alive. Route changes go
+  // first: their hook reaches the requester (and may create it), so it must not run while
+  // anything is being destroyed. Then the consent check and batch replies (transport), then
+  // queued store work.
+  if (reachability_) reachability_->stopMonitor();
   tagManager_.reset();
   consentGet_ = nullptr;
   if (requester_) requester_->setHttpClient(nullptr);

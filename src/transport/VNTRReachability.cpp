@@ -28,6 +28,8 @@ VNTRReachability::VNTRReachability(Source source, uint32_t initialFlags) : sourc
 
 VNTRReachability::~VNTRReachability() = default;
 
+void VNTRReachability::stopMonitor() { monitor_.reset(); }
+
 void VNTRReachability::setOnReachable(std::function<void()> onReachable) {
   auto hook = std::make_shared<const std::function<void()>>(std::move(onReachable));
   std::scoped_lock lock(mutex_);

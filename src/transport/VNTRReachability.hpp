@@ -50,6 +50,8 @@ class VNTRReachability {
 
   /// Stores `flags`; when they carry the reachable bit, asks for a batch at once.
   void updateFlags(uint32_t flags);
+  /// Stops the kernel monitor and waits for a report in progress; no update follows.
+  void stopMonitor();
 
  private:
   std::atomic<uint32_t> flags_{0};

@@ -77,9 +77,10 @@ void VNTRRequester::setBatchInterval(int64_t milliseconds) {
 }
 
 void VNTRRequester::performRemoteRequests() {
-  if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
+  // A detached transport means the runtime is being torn down: touch nothing else.
   auto client = httpClient();
-  if (!client) return;  // the runtime is shutting down
+  if (!client) return;
+  if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
   isRequesting.store(true);
   batchTimer()->invalidate();
 
