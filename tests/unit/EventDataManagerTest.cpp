@@ -75,12 +75,12 @@ class StoreTest : public ::testing::Test {
     return result;
   }
   double now() const { return referenceDateSeconds(clock->now()); }
-  // Stores `n` requests created one second apart, the newest `newestAge` seconds ago.
-  void fill(int64_t n, double newestAge = 0) {
+  // Stores `n` requests "id0".."id<n-1>" created one second apart, the newest now.
+  void fill(int64_t n) {
     store->performAndWait([&] {
       for (int64_t i = 0; i < n; ++i) {
         store->insert("id" + std::to_string(i), "{\"n\":" + std::to_string(i) + "}",
-                      now() - newestAge - static_cast<double>(n - 1 - i));
+                      now() - static_cast<double>(n - 1 - i));
       }
       store->saveContext();
     });
