@@ -14,16 +14,11 @@
 #include <cerrno>
 #include <fstream>
 #include <sstream>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "SandboxServer.hpp"
-#include "core/SerialExecutor.hpp"
-#include "core/VNTRInfo.hpp"
-#include "model/VNTREventPriority.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/TestSupport.hpp"
-#include "transport/VNTRRequester.hpp"
 
 namespace vntr::test {
 
@@ -312,7 +307,7 @@ std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
   return missing;
 }
 
-// --- CountingDelegate ---
+// --- statistics ---
 
 void CountingDelegate::notifyForStatistic(int64_t statistic, int64_t adjustment) {
   if (statistic >= 0 && statistic < static_cast<int64_t>(counts_.size())) {
@@ -324,77 +319,38 @@ int64_t CountingDelegate::operator[](VNTRStatistic statistic) const {
   return counts_[static_cast<size_t>(statistic.rawValue())].load();
 }
 
-// --- LiveRuntime ---
-
-namespace {
-class PinnedFacts final : public DeviceFactsSource {
- public:
-  std::string idfa() override { return "00000000-0000-0000-0000-000000000000"; }
-  std::string idfv() override { return "11111111-2222-3333-4444-555555555555"; }
-  std::string model() override { return "Fault Box"; }
-  std::string systemVersion() override { return "12.1"; }
-  bool trackingEnabled() override { return false; }
-  std::string sdkVersion() override { return "9.9.9"; }
-  std::string language() override { return "en-US"; }
-  std::string hardware() override { return "x86_64"; }
-  std::optional<std::string> bundleIdentifier() override { return "com.example.fault"; }
-  std::optional<TimePoint> firstInstall() override {
-    return TimePoint{std::chrono::seconds{1551441600}};
-  }
-};
-}  // namespace
-
-LiveRuntime::LiveRuntime(const fs::path& root, std::string consentURL)
-    : layout_(root), delegate_(std::make_shared<CountingDelegate>()) {
-  writeSiteID(layout_.bundle);
-  defaults_ = std::make_shared<UserDefaults>(layout_.defaults);
-  defaults_->setString("IABConsent_SubjectToGDPR", "0");
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
-  RuntimeOptions options;
-  options.mainQueue = std::make_shared<SerialExecutor>("FaultMain");
-  options.storeQueue = std::make_shared<SerialExecutor>("FaultStore");
-  options.paths = ProcessPaths{layout_.bundle, layout_.documents, layout_.defaults};
-  options.facts = std::make_shared<PinnedFacts>();
-  options.userDefaults = defaults_;
-  options.reachabilitySource = VNTRReachability::Source::host;
-  options.initialReachabilityFlags = VNTRReachability::kReachable;
-  // Never the production endpoint: a test talks to 127.0.0.1 only (port 9 refuses at once).
-  options.consentCheckURL =
-      consentURL.empty() ? "http://127.0.0.1:9/gdpr/check/json/current" : std::move(consentURL);
-  runtime_ = std::make_unique<Runtime>(std::move(options));
+int64_t CountingDelegate::finishedBatches() const {
+  return (*this)[VNTRStatistic::responseReceived] + (*this)[VNTRStatistic::requestFailed];
 }
 
-LiveRuntime::~LiveRuntime() {
-  runtime_.reset();
+InstalledCounter::InstalledCounter() : delegate_(std::make_shared<CountingDelegate>()) {
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
+}
+
+InstalledCounter::~InstalledCounter() {
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
-void LiveRuntime::fire(const std::vector<std::string>& events, const std::string& eventGroup,
-                       const json& eventData, bool startRequester) {
-  runtime_->tagManager().fireEvents(events, eventGroup, eventData, VNTREventPriority::high,
-                                    startRequester);
+QuietLog::QuietLog() {
+  drainMainQueue();
+  VNTRPreferences::sharedPreferences().setLoggingCallback(
+      [](VantrelLogLevel, const std::vector<std::string>&) {});
 }
 
-int64_t LiveRuntime::storedCount() {
-  int64_t n = 0;
-  auto& store = runtime_->store();
-  store.performAndWait([&] { n = store.count(); });
-  return n;
+QuietLog::~QuietLog() {
+  drainMainQueue();
+  VNTRPreferences::sharedPreferences().setLoggingCallback(nullptr);
 }
 
-std::vector<json> LiveRuntime::storedRequests() {
+std::vector<json> storedRequests(Runtime& runtime) {
   std::vector<json> requests;
-  auto& store = runtime_->store();
+  auto& store = runtime.store();
   store.performAndWait([&] {
     for (const auto& event : store.deQueue(0)) {
       requests.push_back(json::parse(event->jsonData(), nullptr, false));
     }
   });
   return requests;
-}
-
-int64_t LiveRuntime::finishedBatches() const {
-  return counts()[VNTRStatistic::responseReceived] + counts()[VNTRStatistic::requestFailed];
 }
 
 // --- TLS ---

@@ -147,49 +147,43 @@ class EventLedger {
   std::atomic<int64_t> batches_{0};
 };
 
-/// Counts every statistic the library reports. Installed as the process's delegate by
-/// LiveRuntime.
+/// Counts every statistic the library reports.
 class CountingDelegate final : public VNTRTagManagerDelegate {
  public:
   void notifyForStatistic(int64_t statistic, int64_t adjustment) override;
   int64_t operator[](VNTRStatistic statistic) const;
+  /// Batches that have ended, either way.
+  int64_t finishedBatches() const;
 
  private:
   std::array<std::atomic<int64_t>, 10> counts_{};
 };
 
-/// A runtime on real threads, as a host process has it, but isolated: its own data directory,
-/// main and store queues, user defaults (consent given), host-reported reachability (reachable),
-/// the real HTTP transport, and a counting delegate installed in the shared preferences for its
-/// lifetime. Batches go to the shared preferences' server URL.
-class LiveRuntime {
+/// A CountingDelegate installed as the process's delegate while this lives.
+class InstalledCounter {
  public:
-  explicit LiveRuntime(const std::filesystem::path& root, std::string consentURL = {});
-  ~LiveRuntime();
-  LiveRuntime(const LiveRuntime&) = delete;
-  LiveRuntime& operator=(const LiveRuntime&) = delete;
-
-  Runtime& runtime() { return *runtime_; }
-  UserDefaults& defaults() { return *defaults_; }
-  const CountingDelegate& counts() const { return *delegate_; }
-  const HostLayout& layout() const { return layout_; }
-
-  /// One call through intake, as VNTRTagManager::fireEvents makes it.
-  void fire(const std::vector<std::string>& events, const std::string& eventGroup,
-            const nlohmann::json& eventData, bool startRequester = true);
-  /// Waits for the store work queued so far and counts the stored requests.
-  int64_t storedCount();
-  /// The stored request bodies, newest first.
-  std::vector<nlohmann::json> storedRequests();
-  /// Batches that have ended, either way.
-  int64_t finishedBatches() const;
+  InstalledCounter();
+  ~InstalledCounter();
+  InstalledCounter(const InstalledCounter&) = delete;
+  InstalledCounter& operator=(const InstalledCounter&) = delete;
+  int64_t operator[](VNTRStatistic statistic) const { return (*delegate_)[statistic]; }
+  int64_t finishedBatches() const { return delegate_->finishedBatches(); }
 
  private:
-  HostLayout layout_;
   std::shared_ptr<CountingDelegate> delegate_;
-  std::shared_ptr<UserDefaults> defaults_;
-  std::unique_ptr<Runtime> runtime_;
 };
+
+/// Drops every log message while it lives (for tests that cause thousands on purpose).
+class QuietLog {
+ public:
+  QuietLog();
+  ~QuietLog();
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+};
+
+/// The stored request bodies of `runtime`, newest first, after the store work queued so far.
+std::vector<nlohmann::json> storedRequests(Runtime& runtime);
 
 /// A certificate and key made at test time by the openssl program.
 struct SelfSignedCertificate {
