@@ -1,5 +1,6 @@
 #include "FuzzSupport.hpp"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -63,6 +64,22 @@ ManualExecutor& quietMainQueue() {
 
 void drainMainQueue() {
   if (auto& executor = mainExecutor()) executor->runUntilIdle();
+}
+
+void runOnSmallStack(const std::function<void()>& body, size_t stackBytes) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  if (pthread_attr_setstacksize(&attributes, stackBytes) != 0) die("bad stack size");
+  pthread_t thread;
+  auto run = [](void* argument) -> void* {
+    (*static_cast<const std::function<void()>*>(argument))();
+    return nullptr;
+  };
+  const int created =
+      pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&body));
+  pthread_attr_destroy(&attributes);
+  if (created != 0) die("cannot start a thread");
+  pthread_join(thread, nullptr);
 }
 
 void writeInput(const std::filesystem::path& file, const uint8_t* data, size_t size) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,11 @@ ManualExecutor& quietMainQueue();
 /// Runs every log delivery and other task due on the main queue, so nothing accumulates from
 /// one input to the next.
 void drainMainQueue();
+
+/// Runs `body` on a new thread with a stack of `stackBytes` and waits for it: code that
+/// recurses per nesting level of its input then fails here long before it would on the main
+/// thread's 8 MiB, the way it would on a host's small worker thread.
+void runOnSmallStack(const std::function<void()>& body, size_t stackBytes = size_t{256} * 1024);
 
 /// Replaces `file` with the bytes of one input. Aborts if the file cannot be written: a fuzzer
 /// that silently tests nothing is worse than one that stops.

@@ -30,16 +30,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto file = bundle() / "VantrelTagManagerSDKInfo.plist";
   vntr::fuzz::writeInput(file, data, size);
-  const auto siteID = vntr::loadSiteID(bundle());
-  if (siteID) {
-    // Found only in a dictionary of strings that holds the key.
-    const auto entries = vntr::readPropertyListDictionary(file);
-    const auto found = entries ? entries->find("VantrelSiteID") : decltype(entries->end()){};
-    if (!entries || found == entries->end() || found->second != siteID) {
-      std::fprintf(stderr, "site ID: read differently the second time\n");
-      std::abort();
+  // A host may well make its first call, which reads the file, on a thread with a small stack.
+  vntr::fuzz::runOnSmallStack([&file] {
+    const auto siteID = vntr::loadSiteID(bundle());
+    if (siteID) {
+      // Found only in a dictionary of strings that holds the key.
+      const auto entries = vntr::readPropertyListDictionary(file);
+      const auto found = entries ? entries->find("VantrelSiteID") : decltype(entries->end()){};
+      if (!entries || found == entries->end() || found->second != siteID) {
+        std::fprintf(stderr, "site ID: read differently the second time\n");
+        std::abort();
+      }
     }
-  }
+  });
   vntr::fuzz::drainMainQueue();
   return 0;
 }
