@@ -97,6 +97,7 @@ TEST_F(EndToEnd, deliversEveryEventExactlyOnceWithTheDocumentedCounters) {
   constexpr int kEvents = kThreads * kPerThread;
 
   std::vector<std::thread> callers;
+  callers.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     callers.emplace_back([&app, t] {
       for (int i = 0; i < kPerThread; ++i) {

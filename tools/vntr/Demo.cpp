@@ -104,12 +104,17 @@ void printSummary(const CountingDelegate& delegate, const sandbox::SandboxServer
   printRow("first call to last answer", text);
   std::snprintf(text, sizeof text, "%.3f s", firing);
   printRow("all calls returned after", text);
-  printRow("events per second",  // delivered, end to end
-           withThousands(static_cast<int64_t>(events / std::max(elapsed, 1e-3))));
+  const double rate = events / std::max(elapsed, 1e-3);  // delivered, end to end
+  if (rate >= 100) {
+    printRow("events per second", withThousands(static_cast<int64_t>(rate)));
+  } else {
+    std::snprintf(text, sizeof text, "%.1f", rate);
+    printRow("events per second", text);
+  }
   std::printf("Result\n");
   if (delivery.exactlyOnce() && delivery.distinct == events) {
-    std::printf("  every one of the %s events arrived exactly once\n",
-                withThousands(events).c_str());
+    std::printf("  %s %s event%s arrived exactly once\n", events == 1 ? "the" : "every one of the",
+                withThousands(events).c_str(), events == 1 ? "" : "s");
   } else {
     std::printf("  NOT exactly once: %s distinct of %s, %s missing, %s under two ids, %s resent\n",
                 withThousands(delivery.distinct).c_str(), withThousands(events).c_str(),
