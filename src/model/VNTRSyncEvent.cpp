@@ -123,6 +123,20 @@ DataCheck checkEventData(const json& data) {
   return textValid ? DataCheck::valid : DataCheck::unserializable;
 }
 
+// Whether `data` nests objects and arrays at most `limit` deep (the top level counting 1),
+// walked without recursion. Copying recurses once per level, so this runs before any copy.
+bool nestingWithin(const json& data, size_t limit) {
+  std::vector<std::pair<const json*, size_t>> stack{{&data, 1}};
+  while (!stack.empty()) {
+    const auto [value, depth] = stack.back();
+    stack.pop_back();
+    if (!value->is_structured()) continue;
+    if (depth > limit) return false;
+    for (const auto& member : *value) stack.emplace_back(&member, depth + 1);
+  }
+  return true;
+}
+
 std::string chooseId(EventDataManager& store, VNTREventPriority priority) {
   if (priority != VNTREventPriority::high) return EventDataManager::nilID;
   std::string id = makeUuidString();
@@ -223,10 +237,16 @@ std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
 }  // namespace
 
 void VNTRSyncEvent::createEvent(const SyncEventEnvironment& env, std::vector<std::string> events,
-                                std::string eventGroup, nlohmann::json eventData,
+                                std::string eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority) {
+  // The caller's data is copied into the task below; data nested deeply enough to overflow the
+  // caller's stack while being copied is refused here, before the copy.
+  if (!nestingWithin(eventData, kMaxEventDataDepth)) {
+    Debug(VantrelLogLevel::error, kInvalidEventData);
+    return;
+  }
   env.store.performBatched([env = &env, events = std::move(events),
-                            eventGroup = std::move(eventGroup), eventData = std::move(eventData),
+                            eventGroup = std::move(eventGroup), eventData = eventData,
                             priority]() mutable {
     build(*env, events, eventGroup, std::move(eventData), priority, /*keep=*/false);
   });

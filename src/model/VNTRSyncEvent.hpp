@@ -48,9 +48,10 @@ class VNTRSyncEvent final : public VNTRMethodProtocol {
   /// Submits the build to the store queue and returns at once; any thread. Builds that are
   /// already waiting share one commit (see EventDataManager::performBatched), and each reports
   /// `eventCreated` after the commit that holds it. `env` is used by reference when the build
-  /// runs.
+  /// runs. Event data nested deeper than `kMaxEventDataDepth` is refused (after the error line)
+  /// on the calling thread, before it is copied.
   static void createEvent(const SyncEventEnvironment& env, std::vector<std::string> events,
-                          std::string eventGroup, nlohmann::json eventData,
+                          std::string eventGroup, const nlohmann::json& eventData,
                           VNTREventPriority priority);
 
   /// Builds the request, inserts it, saves and reports `eventCreated`; on the store queue.

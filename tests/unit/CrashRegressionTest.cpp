@@ -1,11 +1,15 @@
-// Inputs that crashed a fuzzer (see fuzz/), fed to the same code as ordinary tests so the fixes
-// stay fixed in every build, sanitizers included.
+// Inputs that brought the process down, found while fuzzing (see fuzz/), fed to the same code as
+// ordinary tests so the fixes stay fixed in every build, sanitizers included.
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <string>
+#include <vntr/VNTRTagManager.hpp>
 
 #include "facade/VNTRTagManagerSiteID.hpp"
+#include "model/VNTREventPriority.hpp"
+#include "model/VNTRSyncEvent.hpp"
+#include "support/Harness.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr {
@@ -41,7 +45,7 @@ SiteIDOutcome loadSiteIDFrom(const std::string& bytes) {
 // libplist aborts the process (an assertion) when asked for a key or string holding U+0000.
 // The site-ID fuzzer found it with a raw NUL in XML text; binary lists carry it in UTF-16
 // strings, as keys or as values.
-TEST(FuzzRegression, siteIDPlistWithANulCharacterIsRefusedNotFatal) {
+TEST(CrashRegression, siteIDPlistWithANulCharacterIsRefusedNotFatal) {
   const std::string xmlFromFuzzer(
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//D"
       "TD PLIST 1.0//EN\" \"ht\">\n<plist ver1ion=\"1.0\">\n<dict>\n\t<key>SiteID</key>"
@@ -73,6 +77,36 @@ TEST(FuzzRegression, siteIDPlistWithANulCharacterIsRefusedNotFatal) {
       "78080d1b222b000000000000010100000000000000050000000000000000000000000000002d"));
   EXPECT_EQ(utf16.siteID, "caf\xc3\xa9");
   EXPECT_TRUE(utf16.lines.empty());
+}
+
+// Event data nested `levels` deep ({"a":{"a":...}}), built without recursion.
+nlohmann::json nestedData(size_t levels) {
+  auto data = nlohmann::json::object();
+  for (size_t i = 1; i < levels; ++i) {
+    auto wrapper = nlohmann::json::object();
+    wrapper["a"] = std::move(data);
+    data = std::move(wrapper);
+  }
+  return data;
+}
+
+// The C++ API copied the host's event data before checking its depth, and copying recurses once
+// per level: data a host parsed from someone else's JSON (nlohmann parses any depth) overflowed
+// the calling thread's stack. Found while checking the event-data fuzzer's depth limits.
+TEST(CrashRegression, deeplyNestedEventDataIsRefusedBeforeItIsCopied) {
+  CapturingLog log;
+  test::Harness h;
+  auto fire = [&h](const nlohmann::json& data) {
+    h.runtime->tagManager().fireEvents({"e"}, "g", data, VNTREventPriority::high, false);
+    h.queue->runUntilIdle();
+  };
+  fire(nestedData(200'000));
+  EXPECT_EQ(h.storedCount(), 0);
+  EXPECT_EQ(log.count("[Error] Sync Event: Invalid event Data provided.  Ensure object is valid "
+                      "using \"isValidJSONObject\"."),
+            1u);
+  fire(nestedData(VNTRSyncEvent::kMaxEventDataDepth));
+  EXPECT_EQ(h.storedCount(), 1);
 }
 
 }  // namespace
