@@ -232,6 +232,10 @@ struct HTTPClient::State final : StoppedAtExit {
   void stopForExit(std::chrono::steady_clock::time_point deadline) noexcept override {
     // Exit called from one of our own completions: the thread cannot wait for itself.
     if (runner.load() == std::this_thread::get_id()) return;
+    {
+      std::scoped_lock lock(mutex);
+      stoppedForExit = true;
+    }
     requestStop();
     std::unique_lock lock(mutex);
     finishedChanged.wait_until(lock, deadline, [this] { return finished; });
@@ -255,6 +259,7 @@ struct HTTPClient::State final : StoppedAtExit {
   std::vector<Request> queue;  // guarded by mutex
   bool stopping = false;       // guarded by mutex
   bool finished = false;       // guarded by mutex: the thread has shut down and left libcurl
+  bool stoppedForExit = false;  // guarded by mutex: stopped by the exit handler, not a destructor
   std::condition_variable finishedChanged;
   std::atomic<std::thread::id> runner{};
 
@@ -276,11 +281,20 @@ void HTTPClient::State::run() noexcept {
     }
     if (stop) {
       shutDown(std::move(incoming));
+      bool park = false;
       {
         std::scoped_lock lock(mutex);
         finished = true;
+        park = stoppedForExit;
       }
       finishedChanged.notify_all();
+      if (park) {
+        // Stopped by the exit handler: out of libcurl for good, but the thread of a client that
+        // is never destroyed is never joined, so it waits for the process to end like the
+        // library's other threads instead of finishing unjoined.
+        std::unique_lock lock(mutex);
+        finishedChanged.wait(lock, [] { return false; });
+      }
       return;
     }
     try {

@@ -3,6 +3,7 @@
  * bad arguments are refused, callbacks arrive. */
 #include <vntr/vntr.h>
 
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -16,15 +17,33 @@ static int failures = 0;
     }                                                               \
   } while (0)
 
-static volatile int lines_seen = 0;
+/* The callback runs on the library's main queue, the checks on this thread. */
+static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
+static int lines_seen = 0;
 static char last_line[256];
 
 static void on_log(int level, const char* const* strings, size_t count, void* context) {
   (void)context;
+  pthread_mutex_lock(&log_mutex);
   if (count > 0 && level == VNTR_LOG_ERROR) {
     snprintf(last_line, sizeof last_line, "%s", strings[0]);
   }
   ++lines_seen;
+  pthread_mutex_unlock(&log_mutex);
+}
+
+static int seen(void) {
+  pthread_mutex_lock(&log_mutex);
+  int n = lines_seen;
+  pthread_mutex_unlock(&log_mutex);
+  return n;
+}
+
+static int last_line_is(const char* expected) {
+  pthread_mutex_lock(&log_mutex);
+  int same = strcmp(last_line, expected) == 0;
+  pthread_mutex_unlock(&log_mutex);
+  return same;
 }
 
 static void on_statistic(int64_t statistic, int64_t adjustment, void* context) {
@@ -34,7 +53,7 @@ static void on_statistic(int64_t statistic, int64_t adjustment, void* context) {
 }
 
 static void wait_for_lines(int n) {
-  for (int i = 0; i < 2000 && lines_seen < n; ++i) {
+  for (int i = 0; i < 2000 && seen() < n; ++i) {
     struct timespec pause = {0, 1000000};
     nanosleep(&pause, NULL);
   }
@@ -62,9 +81,8 @@ int main(void) {
   CHECK(vntr_fire_events(events, 2, "group", "[1,2]") == VNTR_INVALID_ARGUMENT);
   CHECK(vntr_fire_events(events, 2, "group", "{not json") == VNTR_INVALID_ARGUMENT);
   wait_for_lines(2);
-  CHECK(strcmp(last_line,
-               "Sync Event: Invalid event Data provided.  Ensure object is valid using "
-               "\"isValidJSONObject\".") == 0);
+  CHECK(last_line_is("Sync Event: Invalid event Data provided.  Ensure object is valid using "
+                     "\"isValidJSONObject\"."));
 
   CHECK(vntr_fire_events(events, 0, "group", "{\"price\": 9.99}") == VNTR_OK);
   CHECK(vntr_fire_events(events, 2, "group", "{\"price\": 9.99}") == VNTR_OK);
