@@ -20,7 +20,7 @@ namespace vntr {
 namespace {
 struct SharedRuntimeSettings {
   std::mutex mutex;
-  bool created = false;                  // guarded by mutex
+  bool created = false;                      // guarded by mutex
   std::optional<uint32_t> hostReachability;  // guarded by mutex
 };
 
@@ -148,8 +148,8 @@ EventDataManager& Runtime::store() {
 
 VNTREventFilter& Runtime::filter() {
   std::call_once(filterOnce_, [this] {
-    filter_ = std::make_unique<VNTREventFilter>(userDefaults_->doubleForKey("VNTREventsExpiry"),
-                                                clock_);
+    filter_ =
+        std::make_unique<VNTREventFilter>(userDefaults_->doubleForKey("VNTREventsExpiry"), clock_);
   });
   return *filter_;
 }
@@ -166,9 +166,9 @@ VNTRReachability& Runtime::reachability() {
 
 const SyncEventEnvironment& Runtime::syncEventEnvironment() {
   std::call_once(syncEnvironmentOnce_, [this] {
-    syncEnvironment_ = std::make_unique<SyncEventEnvironment>(SyncEventEnvironment{
-        store(), [this]() -> const EventFacts& { return eventFacts(); },
-        [this] { return reachability().connectionType(); }, clock_});
+    syncEnvironment_ = std::make_unique<SyncEventEnvironment>(
+        SyncEventEnvironment{store(), [this]() -> const EventFacts& { return eventFacts(); },
+                             [this] { return reachability().connectionType(); }, clock_});
   });
   return *syncEnvironment_;
 }
@@ -197,7 +197,8 @@ VNTRRequester& Runtime::requester() {
 }
 
 VNTRTagManager& Runtime::tagManager() {
-  std::call_once(tagManagerOnce_, [this] { tagManager_ = std::make_unique<VNTRTagManager>(*this); });
+  std::call_once(tagManagerOnce_,
+                 [this] { tagManager_ = std::make_unique<VNTRTagManager>(*this); });
   return *tagManager_;
 }
 

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <vntr/Executor.hpp>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vntr/Executor.hpp>
 
 #include "core/Clock.hpp"
 #include "core/ProcessSettings.hpp"
@@ -33,17 +32,17 @@ using HTTPGet = std::function<void(const std::string& url, HTTPCompletion comple
 
 /// What a runtime is built from. Empty members take the process defaults.
 struct RuntimeOptions {
-  std::shared_ptr<Executor> mainQueue;   // default: the process main queue
-  std::shared_ptr<Executor> storeQueue;  // default: a library thread "VNTRStore"
-  std::shared_ptr<const Clock> clock;    // default: the system clock
-  std::optional<ProcessPaths> paths;     // default: processPaths()
+  std::shared_ptr<Executor> mainQueue;             // default: the process main queue
+  std::shared_ptr<Executor> storeQueue;            // default: a library thread "VNTRStore"
+  std::shared_ptr<const Clock> clock;              // default: the system clock
+  std::optional<ProcessPaths> paths;               // default: processPaths()
   std::shared_ptr<DeviceFactsSource> facts;        // default: the Linux facts
   std::shared_ptr<HTTPClientProtocol> httpClient;  // default: one HTTPClient for everything
   HTTPGet consentGet;                              // default: that HTTPClient's get
   std::shared_ptr<UserDefaults> userDefaults;      // default: the standard user defaults
   VNTRReachability::Source reachabilitySource = VNTRReachability::Source::kernel;
-  uint32_t initialReachabilityFlags = 0;           // for Source::host
-  std::string consentCheckURL;                     // default: the production endpoint
+  uint32_t initialReachabilityFlags = 0;  // for Source::host
+  std::string consentCheckURL;            // default: the production endpoint
 };
 
 /// The composition root: owns one of each component and wires them together. Components are

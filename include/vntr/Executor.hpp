@@ -1,9 +1,8 @@
 #pragma once
 
-#include <vntr/Export.hpp>
-
 #include <chrono>
 #include <functional>
+#include <vntr/Export.hpp>
 
 namespace vntr {
 

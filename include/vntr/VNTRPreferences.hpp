@@ -1,7 +1,5 @@
 #pragma once
 
-#include <vntr/Export.hpp>
-
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -12,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <vector>
+#include <vntr/Export.hpp>
 
 namespace vntr {
 

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <vntr/Executor.hpp>
-#include <vntr/Export.hpp>
-#include <vntr/VNTRPreferences.hpp>
-
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+#include <vntr/Executor.hpp>
+#include <vntr/Export.hpp>
+#include <vntr/VNTRPreferences.hpp>
 
 namespace vntr {
 
@@ -62,8 +61,7 @@ class VNTR_API VNTRTagManager {
   /// Library-internal intake: the checks, queueing with `priority`, and, when `startRequester`,
   /// starting the batch sender.
   void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
-                  const nlohmann::json& eventData, VNTREventPriority priority,
-                  bool startRequester);
+                  const nlohmann::json& eventData, VNTREventPriority priority, bool startRequester);
 
  private:
   Runtime& runtime_;

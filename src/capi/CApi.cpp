@@ -1,9 +1,9 @@
 // The C functions: each checks its pointers, then runs its body through one guard.
-#include <vntr/VNTRPreferences.hpp>
-#include <vntr/VNTRTagManager.hpp>
 #include <vntr/vntr.h>
 
 #include <cmath>
+#include <vntr/VNTRPreferences.hpp>
+#include <vntr/VNTRTagManager.hpp>
 
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"

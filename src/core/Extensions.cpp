@@ -15,8 +15,7 @@ constexpr std::chrono::seconds kReferenceDate{978'307'200};
 }  // namespace
 
 std::string timestamp(TimePoint date) {
-  const auto seconds =
-      std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
   const auto t = static_cast<std::time_t>(seconds);
   std::tm utc{};
   gmtime_r(&t, &utc);
@@ -120,7 +119,8 @@ bool jsonNestingWithin(std::string_view text, size_t limit) {
 nlohmann::json requiredTemplate(std::string_view name) {
   auto dictionary = dictionaryFromJSFileNamed(name);
   if (!dictionary) {
-    const std::string line = "[Fatal] required resource missing or invalid: " + std::string(name) + "\n";
+    const std::string line =
+        "[Fatal] required resource missing or invalid: " + std::string(name) + "\n";
     (void)!::write(STDERR_FILENO, line.data(), line.size());
     std::abort();
   }

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <vntr/Executor.hpp>
-
 #include <memory>
+#include <vntr/Executor.hpp>
 
 namespace vntr {
 

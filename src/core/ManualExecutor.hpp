@@ -1,7 +1,5 @@
 #pragma once
 
-#include <vntr/Executor.hpp>
-
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -9,6 +7,7 @@
 #include <optional>
 #include <thread>
 #include <utility>
+#include <vntr/Executor.hpp>
 
 #include "core/Clock.hpp"
 
@@ -47,7 +46,7 @@ class ManualExecutor final : public Executor {
   mutable std::mutex mutex_;
   // Ordered by due time, then by submission, so equal deadlines keep their order.
   std::map<std::pair<Clock::time_point, uint64_t>, Task> tasks_;  // guarded by mutex_
-  uint64_t sequence_ = 0;                                           // guarded by mutex_
+  uint64_t sequence_ = 0;                                         // guarded by mutex_
   std::atomic<std::thread::id> runner_{};
 };
 

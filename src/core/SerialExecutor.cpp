@@ -23,7 +23,8 @@ void runGuarded(const Executor::Task& task) noexcept {
   try {
     task();
   } catch (const std::exception& e) {
-    Debug(VantrelLogLevel::error, std::string("Unexpected exception on a library thread: ") + e.what());
+    Debug(VantrelLogLevel::error,
+          std::string("Unexpected exception on a library thread: ") + e.what());
   } catch (...) {
     Debug(VantrelLogLevel::error, "Unexpected exception on a library thread");
   }

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <vntr/Executor.hpp>
-
 #include <memory>
 #include <string>
 #include <thread>
+#include <vntr/Executor.hpp>
 
 namespace vntr {
 

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <vntr/VNTRPreferences.hpp>
-
 #include <string>
 #include <utility>
 #include <vector>
+#include <vntr/VNTRPreferences.hpp>
 
 namespace vntr {
 

@@ -13,7 +13,7 @@ std::optional<VNTRStatistic> VNTRStatistic::fromRawValue(int64_t rawValue) {
 
 const std::array<VNTRStatistic, 10>& VNTRStatistic::allValues() {
   static constexpr std::array<VNTRStatistic, 10> values{
-      batchRequestSent,   eventsSent,     responseReceived, requestFailed,        responseEmpty,
+      batchRequestSent,     eventsSent,     responseReceived,   requestFailed,        responseEmpty,
       responseDataReceived, responseParsed, responseUnparsable, eventResultProcessed, eventCreated};
   return values;
 }

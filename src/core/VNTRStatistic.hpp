@@ -1,8 +1,7 @@
 #pragma once
 
-#include <vntr/VNTRPreferences.hpp>
-
 #include <cstdint>
+#include <vntr/VNTRPreferences.hpp>
 
 namespace vntr {
 

@@ -16,9 +16,9 @@ struct EventFacts;
 
 /// What a get-events request needs from its surroundings; wired by the runtime.
 struct GetEventsEnvironment {
-  EventDataManager* store = nullptr;            // ids must not clash with queued events
-  std::function<const EventFacts&()> facts;     // site ID, app id, advertising id
-  VNTREventFilter* filter = nullptr;            // receives the qualified-event list
+  EventDataManager* store = nullptr;              // ids must not clash with queued events
+  std::function<const EventFacts&()> facts;       // site ID, app id, advertising id
+  VNTREventFilter* filter = nullptr;              // receives the qualified-event list
   std::function<void(int64_t)> setBatchInterval;  // the requester's, in milliseconds
 };
 

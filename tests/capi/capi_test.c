@@ -1,20 +1,19 @@
 #define _POSIX_C_SOURCE 200809L
 /* Exercises the C interface from a C11 program: the header compiles as C, the functions link,
  * bad arguments are refused, callbacks arrive. */
-#include <vntr/vntr.h>
-
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <vntr/vntr.h>
 
 static int failures = 0;
-#define CHECK(cond)                                                 \
-  do {                                                              \
-    if (!(cond)) {                                                  \
+#define CHECK(cond)                                                            \
+  do {                                                                         \
+    if (!(cond)) {                                                             \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      ++failures;                                                   \
-    }                                                               \
+      ++failures;                                                              \
+    }                                                                          \
   } while (0)
 
 /* The callback runs on the library's main queue, the checks on this thread. */
@@ -81,8 +80,9 @@ int main(void) {
   CHECK(vntr_fire_events(events, 2, "group", "[1,2]") == VNTR_INVALID_ARGUMENT);
   CHECK(vntr_fire_events(events, 2, "group", "{not json") == VNTR_INVALID_ARGUMENT);
   wait_for_lines(2);
-  CHECK(last_line_is("Sync Event: Invalid event Data provided.  Ensure object is valid using "
-                     "\"isValidJSONObject\"."));
+  CHECK(
+      last_line_is("Sync Event: Invalid event Data provided.  Ensure object is valid using "
+                   "\"isValidJSONObject\"."));
 
   CHECK(vntr_fire_events(events, 0, "group", "{\"price\": 9.99}") == VNTR_OK);
   CHECK(vntr_fire_events(events, 2, "group", "{\"price\": 9.99}") == VNTR_OK);

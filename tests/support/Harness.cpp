@@ -50,7 +50,7 @@ std::vector<std::string> RecordingTransport::ids(size_t index) const {
   std::vector<std::string> ids;
   for (const auto& member : nlohmann::json::parse(bodies_.at(index))) {
     ids.push_back(member.value("method", "") == "getEvents" ? "getEvents"
-                                                             : member["id"].get<std::string>());
+                                                            : member["id"].get<std::string>());
   }
   return ids;
 }

@@ -6,7 +6,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
 #include <vntr/VNTRPreferences.hpp>
 
 namespace vntr::test {

@@ -25,7 +25,10 @@ TEST(Timestamp, formatsGmtWithFourteenDigitsWhateverTheLocalZone) {
   EXPECT_EQ(timestamp(unixTime(1577829599)), "20191231215959");  // 23:59:59 at UTC+2
   EXPECT_EQ(timestamp(unixTime(1577836800)), "20200101000000");  // midnight is hour 00
   EXPECT_EQ(timestamp(unixTime(1572881412) + std::chrono::milliseconds(999)), "20191104153012");
-  if (previous) setenv("TZ", saved.c_str(), 1); else unsetenv("TZ");
+  if (previous)
+    setenv("TZ", saved.c_str(), 1);
+  else
+    unsetenv("TZ");
   tzset();
 }
 

@@ -82,7 +82,8 @@ TEST(ManualExecutor, tasksPostedDuringAdvanceRunWhenTheirTimeFallsInside) {
   const auto start = queue.clock().now();
   std::vector<std::chrono::milliseconds> at;
   std::function<void()> tick = [&] {
-    at.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(queue.clock().now() - start));
+    at.push_back(
+        std::chrono::duration_cast<std::chrono::milliseconds>(queue.clock().now() - start));
     if (at.size() < 3) queue.postAfter(100ms, tick);
   };
   queue.postAfter(100ms, tick);

@@ -29,7 +29,8 @@ TEST(HTTPMockClient, answersEachRequestByMethodEchoingIdsInOrder) {
       nlohmann::json{{"qualifiedEvents", {{{"eventName", "a"}}}}, {"expireEvents", 60000}};
   fields.statusCode = 202;
   HTTPMockClient client(fields);
-  const auto reply = post(client, R"([{"method":"syncEvent","id":"E1"},{"method":"syncEvent","id":"E2"},
+  const auto reply =
+      post(client, R"([{"method":"syncEvent","id":"E1"},{"method":"syncEvent","id":"E2"},
       {"method":"other","id":"X"},{"method":"getEvents","id":"G"}])");
   ASSERT_TRUE(reply.data && reply.response);
   EXPECT_FALSE(reply.error);

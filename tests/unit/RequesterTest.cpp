@@ -180,18 +180,22 @@ TEST(VNTRRequester, unmatchedAndUntrackedRequestsAndServerErrors) {
   Harness h;
   h.storeEvents(2);
   const auto& env = h.runtime->syncEventEnvironment();
-  VNTRSyncEvent::createEvent(env, {"low"}, "group", nlohmann::json::object(), VNTREventPriority::low);
+  VNTRSyncEvent::createEvent(env, {"low"}, "group", nlohmann::json::object(),
+                             VNTREventPriority::low);
   h.queue->runUntilIdle();
   const auto ids = h.storedIds();  // newest first: the low event ("") then the two others
   ASSERT_EQ(ids.size(), 3u);
   auto fields = h.transport->mock.fields();
-  fields.jsonDataResponse = nlohmann::json::array({
-      {{"id", ids[1]}, {"result", nlohmann::json::object()}},
-      {{"id", ids[1]}, {"result", nlohmann::json::object()}},  // repeated: ignored
-      {{"id", "unknown"}, {"error", {{"code", 7}, {"message", "x"}}}},
-      {{"id", "other"}, {"error", {{"message", "only message"}}}},
-      {{"id", "third"}, {"error", nlohmann::json::object()}},
-  }).dump();
+  fields.jsonDataResponse =
+      nlohmann::json::array(
+          {
+              {{"id", ids[1]}, {"result", nlohmann::json::object()}},
+              {{"id", ids[1]}, {"result", nlohmann::json::object()}},  // repeated: ignored
+              {{"id", "unknown"}, {"error", {{"code", 7}, {"message", "x"}}}},
+              {{"id", "other"}, {"error", {{"message", "only message"}}}},
+              {{"id", "third"}, {"error", nlohmann::json::object()}},
+          })
+          .dump();
   h.transport->mock.setFields(fields);
   h.delegate->clear();
   log.clear();
@@ -217,9 +221,9 @@ TEST(VNTRRequester, appliesTheServersBatchIntervalClampedAndQualifiedEvents) {
     Harness h;
     auto fields = h.transport->mock.fields();
     fields.batchInterval = ms;
-    fields.qualifiedEvents = nlohmann::json{
-        {"qualifiedEvents", {{{"eventName", "buy"}, {"ignoreBatch", true}}}},
-        {"expireEvents", 3600000}};
+    fields.qualifiedEvents =
+        nlohmann::json{{"qualifiedEvents", {{{"eventName", "buy"}, {"ignoreBatch", true}}}},
+                       {"expireEvents", 3600000}};
     h.transport->mock.setFields(fields);
     h.storeEvents(1);
     auto& requester = h.runtime->requester();

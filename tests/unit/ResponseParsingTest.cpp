@@ -18,11 +18,11 @@ TEST(VNTRRequestResponse, rejectsUnusableEnvelopesWithTheirWarning) {
     const char* line;
   };
   const std::vector<Case> cases = {
-      {"", kNotSerializable},          {"not json", kNotSerializable},
-      {"42", kNotSerializable},        {"\"text\"", kNotSerializable},
-      {"[1,", kNotSerializable},       {std::string(200, '[') + std::string(200, ']'), kNotSerializable},
-      {"{}", kNotArray},               {"[{\"id\":\"a\",\"result\":{}}, 3]", kNotArray},
-      {"[null]", kNotArray},           {"[[]]", kNotArray},
+      {"", kNotSerializable},    {"not json", kNotSerializable},
+      {"42", kNotSerializable},  {"\"text\"", kNotSerializable},
+      {"[1,", kNotSerializable}, {std::string(200, '[') + std::string(200, ']'), kNotSerializable},
+      {"{}", kNotArray},         {"[{\"id\":\"a\",\"result\":{}}, 3]", kNotArray},
+      {"[null]", kNotArray},     {"[[]]", kNotArray},
   };
   for (const auto& c : cases) {
     test::CapturingLog log;

@@ -76,7 +76,8 @@ TEST(VNTRTagManagerIntake, aFreshQualifiedListAdmitsWholeCallsThatNameOneOfItsEv
   test::CapturingLog log;
   Harness h;
   auto& filter = h.runtime->filter();
-  fire(h, {"anything"}, "group", VNTREventPriority::high, false);  // never loaded: stale, everything passes
+  fire(h, {"anything"}, "group", VNTREventPriority::high,
+       false);  // never loaded: stale, everything passes
   EXPECT_EQ(h.storedCount(), 1);
   filter.updateFromResult(nlohmann::json::array({{{"eventName", "b"}}}), 3600000);
   fire(h, {"a"}, "group", VNTREventPriority::high, false);
@@ -107,7 +108,8 @@ TEST(VNTRTagManagerIntake, ignoreBatchEventsOfAFreshListAreSentAtOnce) {
   Harness h;
   auto& requester = h.runtime->requester();
   h.runtime->filter().updateFromResult(
-      nlohmann::json::array({{{"eventName", "slow"}}, {{"eventName", "now"}, {"ignoreBatch", true}}}),
+      nlohmann::json::array(
+          {{{"eventName", "slow"}}, {{"eventName", "now"}, {"ignoreBatch", true}}}),
       3600000);
   fire(h, {"slow"});
   h.queue->advanceBy(1s);

@@ -1,8 +1,8 @@
 // Built against the installed package only: public headers, the shared library, the config.
-#include <vntr/VNTRTagManager.hpp>
 #include <vntr/vntr.h>
 
 #include <cstdio>
+#include <vntr/VNTRTagManager.hpp>
 
 int main() {
   vntr::VNTRPreferences::sharedPreferences().setLogLevel(vntr::VantrelLogLevel::fatal);
