@@ -5,21 +5,16 @@
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
+#include "capi/CApiGuard.hpp"
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
 
 namespace {
 
-using vntr::VNTRPreferences;
+using vntr::capi::guarded;
+using vntr::capi::validText;
 
-template <class Body>
-vntr_status_t guarded(Body&& body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    return VNTR_INVALID_ARGUMENT;
-  }
-}
+using vntr::VNTRPreferences;
 
 // JSON nested deeper than this is refused before parsing: serialising it later would recurse
 // once per level on a library thread.

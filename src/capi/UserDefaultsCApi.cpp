@@ -5,21 +5,14 @@
 #include <cmath>
 #include <vntr/UserDefaults.hpp>
 
+#include "capi/CApiGuard.hpp"
 #include "core/Extensions.hpp"
 #include "core/ProcessSettings.hpp"
 
 namespace {
 
-template <class Body>
-vntr_status_t guarded(Body&& body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    return VNTR_INVALID_ARGUMENT;
-  }
-}
-
-bool validText(const char* text) { return text != nullptr && vntr::isValidUTF8(text); }
+using vntr::capi::guarded;
+using vntr::capi::validText;
 
 vntr_status_t setPath(const char* path, bool (*setter)(std::filesystem::path)) {
   if (!validText(path) || *path == '\0') return VNTR_INVALID_ARGUMENT;
