@@ -11,7 +11,7 @@
 //                         <inflight|timer|random> <seed>
 //       Like run, but the events are fired by a detached host thread that never stops, and the
 //       main thread returns from main (or calls exit) once a batch is in flight, once the batch
-//       timer is armed, or after a random delay.
+//       timer is armed, or at a random moment after the first request was saved.
 //   vntr_fault_child lock <storeFile> <write|exclusive>
 //       Another process holding the store: "write" holds a write transaction, "exclusive" also
 //       switches to the exclusive locking mode (no other connection may even read). Prints
@@ -30,6 +30,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <string>
@@ -51,6 +52,13 @@ using vntr::VNTRStatistic;
 using vntr::VNTRTagManager;
 
 constexpr uint32_t kReachable = 0x2;
+// The exit host's thread fires about as fast as the store builds requests; sanitized builds build
+// several times slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr uint32_t kPauseMicros = 5000;
+#else
+constexpr uint32_t kPauseMicros = 1000;
+#endif
 // A host killed again and again leaves requests behind faster than batches (newest first) send
 // them. It stops firing while its store holds this many, so the store never reaches the
 // start-up trim, which may legitimately drop requests.
@@ -148,6 +156,16 @@ int run(char** argv) {
   return 0;
 }
 
+// Polls `condition` for at most 20 s.
+bool waitFor(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(200us);
+  }
+  return true;
+}
+
 bool reached(const std::string& point) {
   const auto& r = reporter();
   if (point == "inflight") {
@@ -178,23 +196,27 @@ int exitWhile(char** argv) {
     for (int64_t n = 0;; ++n) {
       fireOne(firstSeq + n, random);
       if (askForBatches && n % 25 == 24) VNTRTagManager::updateReachabilityFlags(kReachable);
-      if (n % 5 == 4) std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+      if (n % 5 == 4) {
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % kPauseMicros));
+      }
     }
   }).detach();
 
   std::mt19937 random(seed ^ 0x9e3779b9u);
+  bool arrived = false;
   if (point == "random") {
+    // Counted from the first saved request: a process that ends before its first call has even
+    // set the library up is another matter (a thread that initialises libcurl, and with it
+    // OpenSSL, while another thread runs OpenSSL's exit handler crashes inside OpenSSL).
+    arrived = waitFor([] { return reporter()[VNTRStatistic::eventCreated] > 0; });
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 150000));
   } else {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!reached(point)) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        std::cerr << "vntr_fault_child: never reached " << point << "\n";
-        return 3;
-      }
-      std::this_thread::sleep_for(200us);
-    }
+    arrived = waitFor([&] { return reached(point); });
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+  }
+  if (!arrived) {
+    std::cerr << "vntr_fault_child: never reached " << point << "\n";
+    return 3;
   }
   if (how == "exit") std::exit(0);
   return 0;

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -36,9 +37,24 @@ int openOutput(const fs::path& file) {
   return ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 }
 
+// The test's environment with `changes` ("NAME=value") applied.
+std::vector<std::string> environmentWith(const std::vector<std::string>& changes) {
+  std::vector<std::string> result;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    const std::string name = text.substr(0, text.find('='));
+    const bool replaced = std::any_of(changes.begin(), changes.end(), [&](const auto& change) {
+      return change.substr(0, change.find('=')) == name;
+    });
+    if (!replaced) result.push_back(text);
+  }
+  result.insert(result.end(), changes.begin(), changes.end());
+  return result;
+}
+
 // Between fork and exec only async-signal-safe calls: everything is prepared before the fork.
-[[noreturn]] void execChild(char* const* argv, int in, int out, int err, std::optional<uid_t> runAs,
-                            std::optional<mode_t> mask) {
+[[noreturn]] void execChild(char* const* argv, char* const* envp, int in, int out, int err,
+                            std::optional<uid_t> runAs, std::optional<mode_t> mask) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   ::dup2(in, STDIN_FILENO);
   ::dup2(out, STDOUT_FILENO);
@@ -54,7 +70,7 @@ int openOutput(const fs::path& file) {
       ::_exit(126);
     }
   }
-  ::execv(argv[0], argv);
+  ::execve(argv[0], argv, envp);
   ::_exit(127);
 }
 
@@ -65,6 +81,10 @@ ChildProcess::ChildProcess(const Options& options) {
   std::vector<char*> argv;
   for (auto& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
+  std::vector<std::string> environment = environmentWith(options.environment);
+  std::vector<char*> envp;
+  for (auto& entry : environment) envp.push_back(entry.data());
+  envp.push_back(nullptr);
   int pipeFds[2] = {-1, -1};
   int in = -1;
   if (options.pipeStdin) {
@@ -77,7 +97,9 @@ ChildProcess::ChildProcess(const Options& options) {
   const int err = openOutput(options.stderrFile);
   if (in >= 0 && out >= 0 && err >= 0) {
     pid_ = ::fork();
-    if (pid_ == 0) execChild(argv.data(), in, out, err, options.runAs, options.umask);
+    if (pid_ == 0) {
+      execChild(argv.data(), envp.data(), in, out, err, options.runAs, options.umask);
+    }
   }
   for (const int fd : {in, out, err}) {
     if (fd >= 0) ::close(fd);
@@ -143,6 +165,11 @@ ChildProcess::Options command(std::vector<std::string> arguments, fs::path stder
   ChildProcess::Options options;
   options.arguments = std::move(arguments);
   options.stderrFile = std::move(stderrFile);
+  if (kSanitized) {
+    const char* tsan = std::getenv("TSAN_OPTIONS");
+    options.environment.push_back(std::string("TSAN_OPTIONS=") + (tsan != nullptr ? tsan : "") +
+                                  ":atexit_sleep_ms=100");
+  }
   return options;
 }
 
