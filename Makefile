@@ -28,6 +28,13 @@ asan:
 tsan:
 	$(MAKE) test PRESET=tsan
 
+# Benchmarks: the release preset (which builds them), then every benchmark program; the figures
+# go to bench/results/latest.txt and latest.json. A few minutes; never part of `make test`.
+bench: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target vntr_store_bench vntr_micro_bench vntr-bench
+	bench/run.sh build/release bench/results
+
 # libFuzzer targets in their own clang build; each runs FUZZ_SECONDS from the seed corpus in
 # fuzz/corpus (copied to a scratch directory, so the repository is never written).
 FUZZ_SECONDS ?= 30

@@ -1,0 +1,647 @@
+// vntr-bench: the whole library, end to end, against a sandbox tag server on 127.0.0.1. Prints
+// one JSON line with the figures of the chosen mode.
+//
+//   vntr-bench [--events N] [--threads T]   N events from T threads until all are delivered
+//   vntr-bench --backlog N                  drain time of N queued requests against its floor
+//   vntr-bench --queued N                   peak memory with N requests queued, then a few batches
+//
+// The server runs in a child process unless --in-process-server is given: it keeps every
+// request it receives, which would otherwise count as this process's memory and instructions.
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <latch>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+#include <vntr/UserDefaults.hpp>
+#include <vntr/VNTRPreferences.hpp>
+#include <vntr/VNTRTagManager.hpp>
+
+#include "CliSupport.hpp"
+#include "Runtime.hpp"
+#include "SandboxProcess.hpp"
+#include "store/EventDataManager.hpp"
+#include "transport/HTTPClient.hpp"
+#include "transport/VNTRReachability.hpp"
+
+namespace vntr::bench {
+namespace {
+
+using nlohmann::json;
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int64_t kEventsPerBatch = 80;
+
+struct Options {
+  enum class Mode { delivery, backlog, queued } mode = Mode::delivery;
+  int64_t events = 10000;  // delivery: events fired; backlog/queued: requests queued
+  int threads = 1;
+  int64_t batchIntervalMs = 100;
+  int64_t drainBatches = 25;  // queued: batches sent after the intake
+  int64_t pace = 0;  // callers stay at most this many calls ahead of the store; 0: no limit
+  bool sampleMemory = true;
+  bool inProcessServer = false;
+};
+
+const char* const kUsage =
+    "usage: vntr-bench [--events N] [--threads T] [--batch-interval MS] [--in-process-server]\n"
+    "       vntr-bench --backlog N [--threads T] [--batch-interval MS] [--in-process-server]\n"
+    "       vntr-bench --queued N [--threads T] [--drain-batches K] [--in-process-server]\n"
+    "options for every mode: --paced K (callers at most K calls ahead of the store),\n"
+    "  --no-memory-sampling (no sampling thread, for instruction counts)\n";
+
+std::optional<int64_t> number(const char* text, int64_t low, int64_t high) {
+  char* end = nullptr;
+  errno = 0;
+  const long long value = std::strtoll(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || value < low || value > high) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::optional<Options> parse(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--in-process-server") {
+      o.inProcessServer = true;
+      continue;
+    }
+    if (arg == "--no-memory-sampling") {
+      o.sampleMemory = false;
+      continue;
+    }
+    if (i + 1 >= argc) return std::nullopt;
+    const char* value = argv[++i];
+    std::optional<int64_t> n;
+    if (arg == "--events") {
+      n = number(value, 1, 1'000'000);
+      o.mode = Options::Mode::delivery;
+      if (n) o.events = *n;
+    } else if (arg == "--backlog") {
+      n = number(value, 1, 1'000'000);
+      o.mode = Options::Mode::backlog;
+      if (n) o.events = *n;
+    } else if (arg == "--queued") {
+      n = number(value, 1, 1'000'000);
+      o.mode = Options::Mode::queued;
+      if (n) o.events = *n;
+    } else if (arg == "--threads") {
+      n = number(value, 1, 64);
+      if (n) o.threads = static_cast<int>(*n);
+    } else if (arg == "--batch-interval") {
+      n = number(value, 100, 120'000);
+      if (n) o.batchIntervalMs = *n;
+    } else if (arg == "--paced") {
+      n = number(value, 0, 1'000'000);
+      if (n) o.pace = *n;
+    } else if (arg == "--drain-batches") {
+      n = number(value, 0, 100'000);
+      if (n) o.drainBatches = *n;
+    }
+    if (!n) return std::nullopt;
+  }
+  return o;
+}
+
+int64_t nanosSince(SteadyClock::time_point start, SteadyClock::time_point end) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count();
+}
+
+double secondsBetween(SteadyClock::time_point start, SteadyClock::time_point end) {
+  return std::chrono::duration<double>(end - start).count();
+}
+
+double round3(double value) { return std::round(value * 1000.0) / 1000.0; }
+
+// Sums every statistic and wakes a waiter when a watched total reaches its target, noting when
+// that happened (on the library thread that reported it, so the time is exact).
+class BenchDelegate final : public VNTRTagManagerDelegate {
+ public:
+  void notifyForStatistic(int64_t statistic, int64_t adjustment) override {
+    if (statistic < 0 || statistic >= kCount) return;
+    const auto s = static_cast<size_t>(statistic);
+    const int64_t total = totals_[s].fetch_add(adjustment) + adjustment;
+    if (statistic == VNTRStatistic::batchRequestSent) noteSent();
+    if (statistic == VNTRStatistic::responseReceived) noteReply();
+    const int64_t target = targets_[s].load();
+    if (target > 0 && total >= target && total - adjustment < target) {
+      reachedAt_[s].store(SteadyClock::now().time_since_epoch().count());
+      std::scoped_lock lock(mutex_);
+      reached_.notify_all();
+    }
+  }
+
+  /// Batches are never in flight together, so sends and replies alternate: the time from a
+  /// send to its reply is the round trip (transfer and server), from a reply to the next send
+  /// the client's handling of the reply plus the pause the server asked for.
+  struct Cycles {
+    int64_t roundTrips = 0;
+    double roundTripMs = 0;  // mean
+    int64_t gaps = 0;
+    double gapMs = 0;  // mean
+  };
+  void resetCycles() {
+    lastSent_.store(0);
+    lastReply_.store(0);
+    roundTripNanos_.store(0);
+    roundTrips_.store(0);
+    gapNanos_.store(0);
+    gaps_.store(0);
+  }
+  Cycles cycles() const {
+    Cycles c;
+    c.roundTrips = roundTrips_.load();
+    c.gaps = gaps_.load();
+    if (c.roundTrips > 0) {
+      c.roundTripMs =
+          static_cast<double>(roundTripNanos_.load()) / 1e6 / static_cast<double>(c.roundTrips);
+    }
+    if (c.gaps > 0)
+      c.gapMs = static_cast<double>(gapNanos_.load()) / 1e6 / static_cast<double>(c.gaps);
+    return c;
+  }
+
+  int64_t total(VNTRStatistic statistic) const {
+    return totals_[static_cast<size_t>(statistic.rawValue())].load();
+  }
+
+  /// Watches `statistic` for `target`; call before the work that reports it.
+  void watch(VNTRStatistic statistic, int64_t target) {
+    const auto s = static_cast<size_t>(statistic.rawValue());
+    reachedAt_[s].store(0);
+    targets_[s].store(target);
+  }
+
+  /// Waits until the watched target of `statistic` is reached; when it was reached, or nothing
+  /// at the deadline.
+  std::optional<SteadyClock::time_point> wait(VNTRStatistic statistic,
+                                              SteadyClock::time_point deadline) {
+    const auto s = static_cast<size_t>(statistic.rawValue());
+    std::unique_lock lock(mutex_);
+    if (!reached_.wait_until(lock, deadline,
+                             [&] { return totals_[s].load() >= targets_[s].load(); })) {
+      return std::nullopt;
+    }
+    const auto at = reachedAt_[s].load();
+    return at == 0 ? SteadyClock::now() : SteadyClock::time_point(SteadyClock::duration(at));
+  }
+
+ private:
+  static int64_t now() { return SteadyClock::now().time_since_epoch().count(); }
+  void noteSent() {
+    const int64_t at = now();
+    lastSent_.store(at);
+    if (const int64_t reply = lastReply_.load(); reply != 0) {
+      gapNanos_.fetch_add(at - reply);
+      gaps_.fetch_add(1);
+    }
+  }
+  void noteReply() {
+    const int64_t at = now();
+    if (const int64_t sent = lastSent_.load(); sent != 0) {
+      roundTripNanos_.fetch_add(at - sent);
+      roundTrips_.fetch_add(1);
+    }
+    lastReply_.store(at);
+  }
+
+  static constexpr int64_t kCount = 10;
+  std::atomic<int64_t> lastSent_{0}, lastReply_{0}, roundTripNanos_{0}, roundTrips_{0},
+      gapNanos_{0}, gaps_{0};
+  std::array<std::atomic<int64_t>, kCount> totals_{};
+  std::array<std::atomic<int64_t>, kCount> targets_{};
+  std::array<std::atomic<SteadyClock::rep>, kCount> reachedAt_{};
+  std::mutex mutex_;
+  std::condition_variable reached_;
+};
+
+int64_t peakRssKiB() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+// The peak resident memory counts the pages of the shared libraries in use (libc, libstdc++,
+// SQLite, curl and its TLS libraries), which other processes share. To tell them from the
+// process's own memory (heap, stacks), a thread samples the anonymous and the file-backed
+// resident sizes every 10 ms and keeps the largest of each.
+class MemorySampler {
+ public:
+  MemorySampler() : thread_([this] { run(); }) {}
+  ~MemorySampler() {
+    {
+      std::scoped_lock lock(mutex_);
+      stop_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+  }
+  int64_t peakAnonKiB() {
+    sample();
+    return peakAnon_.load();
+  }
+  int64_t peakFileKiB() {
+    sample();
+    return peakFile_.load();
+  }
+
+ private:
+  void sample() {
+    std::FILE* status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr) return;
+    char line[256];
+    while (std::fgets(line, sizeof line, status) != nullptr) {
+      long long kib = 0;
+      if (std::sscanf(line, "RssAnon: %lld", &kib) == 1) raise(peakAnon_, kib);
+      if (std::sscanf(line, "RssFile: %lld", &kib) == 1) raise(peakFile_, kib);
+    }
+    std::fclose(status);
+  }
+  static void raise(std::atomic<int64_t>& peak, int64_t value) {
+    int64_t seen = peak.load();
+    while (value > seen && !peak.compare_exchange_weak(seen, value)) {
+    }
+  }
+  void run() {
+    std::unique_lock lock(mutex_);
+    while (!stop_) {
+      lock.unlock();
+      sample();
+      lock.lock();
+      wake_.wait_for(lock, std::chrono::milliseconds(10), [this] { return stop_; });
+    }
+  }
+
+  std::atomic<int64_t> peakAnon_{0};
+  std::atomic<int64_t> peakFile_{0};
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stop_ = false;  // guarded by mutex_
+  std::thread thread_;
+};
+
+int64_t queuedRequests() {
+  auto& store = Runtime::shared().store();
+  int64_t count = 0;
+  store.performAndWait([&] { count = store.count(); });
+  return count;
+}
+
+long connectionsOpened() {
+  const auto* client = dynamic_cast<const HTTPClient*>(&Runtime::shared().httpClient());
+  return client ? client->connectionsOpened() : -1;
+}
+
+constexpr std::array<const char*, 4> kEventNames = {"screen_view", "tap", "add_to_cart",
+                                                    "purchase"};
+
+/// Per-call times of fireEvents on the callers' threads, in nanoseconds.
+struct Firing {
+  std::vector<int64_t> callNanos;
+  SteadyClock::time_point start, end;  // first call started, last call returned
+};
+
+// Fires sequence numbers 0 ... events-1 from `threads` threads started together, timing each
+// call on its own thread. With `pace` > 0 the callers, together, stay at most `pace` calls ahead
+// of the events reported stored (`stored()`), as a host firing at a sustainable rate would.
+Firing fire(int64_t events, int threads, int64_t pace, const std::function<int64_t()>& stored) {
+  std::vector<std::vector<int64_t>> times(static_cast<size_t>(threads));
+  std::latch ready(threads + 1);
+  std::atomic<int64_t> issued{0};
+  const int64_t storedBefore = stored();
+  const auto giveUp = SteadyClock::now() + std::chrono::seconds(60) +
+                      std::chrono::milliseconds(events);  // a stalled store ends the pacing
+  std::vector<std::thread> callers;
+  for (int t = 0; t < threads; ++t) {
+    callers.emplace_back([&, t] {
+      auto& mine = times[static_cast<size_t>(t)];
+      mine.reserve(static_cast<size_t>(events / threads + 1));
+      ready.arrive_and_wait();
+      for (int64_t seq = t; seq < events; seq += threads) {
+        while (pace > 0 && issued.load() - (stored() - storedBefore) > pace &&
+               SteadyClock::now() < giveUp) {
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        const std::vector<std::string> names{kEventNames[static_cast<size_t>(seq) % 4]};
+        const json data = {{"seq", seq}, {"thread", t}, {"price", 9.99}, {"currency", "EUR"}};
+        const auto before = SteadyClock::now();
+        VNTRTagManager::fireEvents(names, "bench", data);
+        mine.push_back(nanosSince(before, SteadyClock::now()));
+        issued.fetch_add(1);
+      }
+    });
+  }
+  Firing firing;
+  firing.start = SteadyClock::now();
+  ready.arrive_and_wait();
+  for (auto& caller : callers) caller.join();
+  firing.end = SteadyClock::now();
+  for (auto& mine : times) {
+    firing.callNanos.insert(firing.callNanos.end(), mine.begin(), mine.end());
+  }
+  return firing;
+}
+
+double percentileMicros(std::vector<int64_t> nanos, double p) {
+  if (nanos.empty()) return 0;
+  const auto k = static_cast<size_t>(std::ceil(p * static_cast<double>(nanos.size()))) - 1;
+  std::nth_element(nanos.begin(), nanos.begin() + static_cast<long>(k), nanos.end());
+  return round3(static_cast<double>(nanos[k]) / 1000.0);
+}
+
+json callFigures(const Firing& firing) {
+  const auto& n = firing.callNanos;
+  const double mean = n.empty()
+                          ? 0
+                          : static_cast<double>(std::accumulate(n.begin(), n.end(), int64_t{0})) /
+                                static_cast<double>(n.size()) / 1000.0;
+  return {
+      {"fire_p50_us", percentileMicros(n, 0.50)},
+      {"fire_p99_us", percentileMicros(n, 0.99)},
+      {"fire_p999_us", percentileMicros(n, 0.999)},
+      {"fire_max_us",
+       n.empty() ? 0 : round3(static_cast<double>(*std::max_element(n.begin(), n.end())) / 1000.0)},
+      {"fire_mean_us", round3(mean)},
+      {"first_call_us", n.empty() ? 0 : round3(static_cast<double>(n.front()) / 1000.0)},
+      {"calls_returned_s", round3(secondsBetween(firing.start, firing.end))}};
+}
+
+// Points the process-wide library at `root` (site ID, data, user defaults), at host-reported
+// reachability starting from `flags`, and at the sandbox; consent is settled.
+bool configureLibrary(const std::filesystem::path& root, uint32_t flags, const std::string& url,
+                      const std::shared_ptr<BenchDelegate>& delegate) {
+  if (auto error = cli::writeSiteIdPlist(root / "bundle", "12345")) {
+    std::fprintf(stderr, "vntr-bench: %s\n", error->c_str());
+    return false;
+  }
+  if (!VNTRTagManager::setMainBundlePath((root / "bundle").string()) ||
+      !VNTRTagManager::setDocumentsDirectory((root / "documents").string()) ||
+      !VNTRTagManager::setUserDefaultsPath((root / "UserDefaults.json").string()) ||
+      !VNTRTagManager::useHostReachability(flags)) {
+    std::fprintf(stderr, "vntr-bench: the library was already in use\n");
+    return false;
+  }
+  auto& preferences = VNTRPreferences::sharedPreferences();
+  preferences.setLogLevel(VantrelLogLevel::warning);
+  preferences.setTagManagerDelegate(delegate);
+  preferences.setServerURL(url);
+  UserDefaults::standardUserDefaults().setString("IABConsent_SubjectToGDPR", "0");
+  return true;
+}
+
+SteadyClock::time_point deadlineFor(int64_t events, double floorSeconds = 0) {
+  // Far beyond any healthy run: a minute, a millisecond per event, three times the floor.
+  return SteadyClock::now() + std::chrono::seconds(60) + std::chrono::milliseconds(events) +
+         std::chrono::milliseconds(static_cast<int64_t>(floorSeconds * 3000));
+}
+
+json deliveryFigures(SandboxHandle& server, int64_t events, int64_t extra) {
+  const Delivery d = server.check(events);
+  const bool exactlyOnce =
+      d.distinct == events + extra && d.repeated == 0 && d.missing == 0 && d.doubled == 0;
+  return {{"exactly_once", exactlyOnce},
+          {"distinct_ids", d.distinct},
+          {"resent", d.repeated},
+          {"missing", d.missing},
+          {"doubled", d.doubled}};
+}
+
+// N events from T threads until the queue is empty again.
+json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegate, bool& ok) {
+  delegate.watch(VNTRStatistic::eventCreated, o.events);
+  delegate.watch(VNTRStatistic::eventResultProcessed, o.events);
+  const Firing firing = fire(o.events, o.threads, o.pace,
+                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  const auto deadline = deadlineFor(o.events);
+  const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadline);
+  const auto answered = delegate.wait(VNTRStatistic::eventResultProcessed, deadline);
+  const int64_t left = queuedRequests();  // waits for the last dispatch and its commit
+  const auto delivered = SteadyClock::now();
+  ok = stored && answered && left == 0;
+
+  json out = {{"mode", "delivery"}, {"events", o.events}, {"threads", o.threads}};
+  out.update(callFigures(firing));
+  if (stored) {
+    const double s = secondsBetween(firing.start, *stored);
+    out["stored_s"] = round3(s);
+    out["stored_per_s"] = std::lround(static_cast<double>(o.events) / s);
+  }
+  if (answered) {
+    const double s = secondsBetween(firing.start, delivered);
+    out["delivered_s"] = round3(s);
+    out["delivered_per_s"] = std::lround(static_cast<double>(o.events) / s);
+  }
+  out["still_queued"] = left;
+  const auto stats = server.stats();
+  out.update(deliveryFigures(server, o.events, 0));
+  out["batches"] = stats.batches;
+  out["bytes_per_event"] =
+      round3(static_cast<double>(stats.bytesReceived) / static_cast<double>(o.events));
+  out["connections"] = connectionsOpened();
+  ok = ok && out["exactly_once"].get<bool>();
+  return out;
+}
+
+// One event delivered first, so the requester has the server's batch interval; then N requests
+// queued offline; then the network returns and the time runs until the queue is empty.
+json runBacklog(const Options& o, SandboxHandle& server, BenchDelegate& delegate, bool& ok) {
+  ok = false;
+  delegate.watch(VNTRStatistic::eventResultProcessed, 1);
+  VNTRTagManager::fireEvents({"warmup"}, "bench", json::object());
+  VNTRTagManager::updateReachabilityFlags(VNTRReachability::kReachable);  // send it at once
+  if (!delegate.wait(VNTRStatistic::eventResultProcessed, deadlineFor(1))) {
+    return {{"mode", "backlog"}, {"error", "the warm-up event was not delivered"}};
+  }
+  VNTRTagManager::updateReachabilityFlags(0);
+  delegate.watch(VNTRStatistic::eventCreated, o.events + 1);
+  const Firing firing = fire(o.events, o.threads, o.pace,
+                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadlineFor(o.events));
+  if (!stored) return {{"mode", "backlog"}, {"error", "the backlog was not stored"}};
+  const int64_t queued = queuedRequests();
+  const auto before = server.stats();
+  const long connectionsBefore = connectionsOpened();
+  const double interval = static_cast<double>(o.batchIntervalMs) / 1000.0;
+  const int64_t batchesNeeded = (o.events + kEventsPerBatch - 1) / kEventsPerBatch;
+  const double floorSeconds = static_cast<double>(batchesNeeded) * interval;
+
+  delegate.watch(VNTRStatistic::eventResultProcessed, o.events + 1);
+  delegate.resetCycles();
+  const auto start = SteadyClock::now();
+  VNTRTagManager::updateReachabilityFlags(VNTRReachability::kReachable);
+  const auto answered =
+      delegate.wait(VNTRStatistic::eventResultProcessed, deadlineFor(o.events, floorSeconds));
+  const int64_t left = queuedRequests();
+  const auto drained = SteadyClock::now();
+  const auto after = server.stats();
+
+  const double drain = secondsBetween(start, drained);
+  const auto cycles = delegate.cycles();
+  const int64_t batches = after.batches - before.batches;
+  json out = {{"mode", "backlog"},
+              {"queued", queued},
+              {"threads", o.threads},
+              {"batch_interval_ms", o.batchIntervalMs},
+              {"drain_s", round3(drain)},
+              {"floor_s", round3(floorSeconds)},
+              {"over_floor_pct", round3((drain / floorSeconds - 1.0) * 100.0)},
+              {"batches", batches},
+              // What each batch adds to the pause: its round trip and the handling of its reply.
+              {"cycle_overhead_ms",
+               batches > 0 ? round3((drain - static_cast<double>(batches - 1) * interval) * 1000.0 /
+                                    static_cast<double>(batches))
+                           : 0.0},
+              {"round_trip_ms", round3(cycles.roundTripMs)},
+              {"reply_to_next_send_ms", round3(cycles.gapMs)},
+              {"connections_opened_in_drain", connectionsOpened() - connectionsBefore},
+              {"connections_total", connectionsOpened()},
+              {"still_queued", left}};
+  out.update(deliveryFigures(server, o.events, 1));
+  out["stored_per_s"] =
+      std::lround(static_cast<double>(o.events) / secondsBetween(firing.start, *stored));
+  ok = answered && left == 0 && out["exactly_once"].get<bool>();
+  return out;
+}
+
+// N requests queued offline (the intake burst held in memory while the store catches up), then
+// a few batches sent from the large queue.
+json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate, bool& ok) {
+  delegate.watch(VNTRStatistic::eventCreated, o.events);
+  const Firing firing = fire(o.events, o.threads, o.pace,
+                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadlineFor(o.events));
+  const int64_t afterIntake = peakRssKiB();
+  const int64_t queued = queuedRequests();
+  json out = {{"mode", "queued"}, {"events", o.events}, {"threads", o.threads}};
+  out.update(callFigures(firing));
+  if (stored) {
+    const double s = secondsBetween(firing.start, *stored);
+    out["stored_s"] = round3(s);
+    out["stored_per_s"] = std::lround(static_cast<double>(o.events) / s);
+  }
+  out["queued"] = queued;
+  out["peak_rss_intake_kib"] = afterIntake;
+  const int64_t toSend = std::min(o.drainBatches * kEventsPerBatch, queued);
+  bool sent = true;
+  if (toSend > 0) {
+    delegate.watch(VNTRStatistic::eventResultProcessed, toSend);
+    VNTRTagManager::updateReachabilityFlags(VNTRReachability::kReachable);
+    sent = delegate.wait(VNTRStatistic::eventResultProcessed, deadlineFor(toSend)).has_value();
+  }
+  out["sent_after_intake"] = delegate.total(VNTRStatistic::eventResultProcessed);
+  out["batches"] = server.stats().batches;
+  ok = stored && queued == o.events && sent;
+  return out;
+}
+
+// The figures' targets on a 2-core machine, each true or false (absent when not measured).
+json targetsMet(const Options& o, const json& out) {
+  json met = json::object();
+  const auto has = [&](const char* key) { return out.contains(key) && out[key].is_number(); };
+  const double peakMiB = out.value("peak_rss_mib", 0.0);
+  switch (o.mode) {
+    case Options::Mode::delivery:
+      if (has("fire_p99_us")) {
+        met[o.threads == 1 ? "fire_p99_under_10us" : "fire_p99_under_20us"] =
+            out["fire_p99_us"].get<double>() < (o.threads == 1 ? 10.0 : 20.0);
+      }
+      if (has("stored_per_s")) met["stored_50k_per_s"] = out["stored_per_s"].get<double>() >= 50000;
+      met["exactly_once"] = out.value("exactly_once", false);
+      met["peak_rss_under_12mib"] = peakMiB < 12.0;
+      break;
+    case Options::Mode::backlog:
+      if (has("over_floor_pct")) {
+        met["drain_within_5pct_of_floor"] = out["over_floor_pct"].get<double>() <= 5.0;
+      }
+      // The drain may reuse the warm-up's connection (none opened) or open one.
+      if (has("connections_opened_in_drain")) {
+        met["one_connection"] = out["connections_opened_in_drain"].get<int64_t>() <= 1;
+      }
+      met["exactly_once"] = out.value("exactly_once", false);
+      break;
+    case Options::Mode::queued:
+      met["peak_rss_under_32mib"] = peakMiB < 32.0;
+      break;
+  }
+  return met;
+}
+
+}  // namespace
+}  // namespace vntr::bench
+
+int main(int argc, char** argv) {
+  using namespace vntr;
+  using namespace vntr::bench;
+  const auto options = parse(argc, argv);
+  if (!options) {
+    std::fputs(kUsage, stderr);
+    return kExitUsage;
+  }
+  // First, while this process has no other thread: the server's child process is forked here.
+  auto server = SandboxHandle::start(options->inProcessServer, options->batchIntervalMs);
+  if (!server) return kExitFailed;
+
+  cli::TemporaryDirectory data("vntr-bench");
+  if (data.path().empty()) {
+    std::fprintf(stderr, "vntr-bench: cannot create a temporary directory\n");
+    return kExitFailed;
+  }
+  auto delegate = std::make_shared<BenchDelegate>();
+  const bool online = options->mode != Options::Mode::queued;
+  if (!configureLibrary(data.path(), online ? VNTRReachability::kReachable : 0, server->tagsURL(),
+                        delegate)) {
+    return kExitFailed;
+  }
+
+  std::optional<MemorySampler> memory;
+  if (options->sampleMemory) memory.emplace();
+  bool ok = false;
+  json out;
+  switch (options->mode) {
+    case Options::Mode::delivery:
+      out = runDelivery(*options, *server, *delegate, ok);
+      break;
+    case Options::Mode::backlog:
+      out = runBacklog(*options, *server, *delegate, ok);
+      break;
+    case Options::Mode::queued:
+      out = runQueued(*options, *server, *delegate, ok);
+      break;
+  }
+  out["server"] = options->inProcessServer ? "in-process" : "child process";
+  out["peak_rss_kib"] = peakRssKiB();
+  out["peak_rss_mib"] = round3(static_cast<double>(peakRssKiB()) / 1024.0);
+  if (memory) {
+    out["peak_rss_anon_kib"] = memory->peakAnonKiB();
+    out["peak_rss_file_kib"] = memory->peakFileKiB();
+  }
+  if (options->pace > 0) out["paced"] = options->pace;
+  out["targets"] = targetsMet(*options, out);
+  out["ok"] = ok;
+  std::printf("%s\n", out.dump().c_str());
+  std::fflush(stdout);
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
+  server.reset();
+  return ok ? kExitOk : kExitFailed;
+}
