@@ -26,6 +26,7 @@ constexpr size_t kMaxBodyBytes = 32u * 1024u * 1024u;
 constexpr int64_t kMaxDelayMs = 600000;
 // An idle kept-alive connection holds a worker, and stop() waits for it: keep the wait short.
 constexpr time_t kKeepAliveSeconds = 1;
+constexpr size_t kKeepAliveMaxRequests = 1000;
 
 // Event data is untrusted: never let a bad string turn into an exception on a server thread.
 std::string dumpJSON(const json& value) {
@@ -495,6 +496,9 @@ bool SandboxServer::start() {
   impl_->installRoutes(*server);
   server->set_payload_max_length(kMaxBodyBytes);
   server->set_keep_alive_timeout(kKeepAliveSeconds);
+  // cpp-httplib closes a connection after 5 requests by default; production servers keep one
+  // for hundreds, and clients that reuse their connection should be seen doing so.
+  server->set_keep_alive_max_count(kKeepAliveMaxRequests);
   // cpp-httplib's default adds SO_REUSEPORT, which lets a second sandbox bind the same port and
   // silently take half of the batches. SO_REUSEADDR alone still allows a quick restart.
   server->set_socket_options([](socket_t sock) {
