@@ -16,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "Runtime.hpp"
 #include "SandboxServer.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"

@@ -15,10 +15,11 @@
 #include <string>
 #include <thread>
 #include <vector>
-#include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRPreferences.hpp>
 
-#include "Runtime.hpp"
+namespace vntr {
+class Runtime;
+}
 
 namespace vntr::sandbox {
 class SandboxServer;
