@@ -132,6 +132,7 @@ class EventDataManager::Impl {
   void close();
   void startupTrim();
   void runBatched(const Executor::Task& task);
+  void runJoiningSaves(const Executor::Task& task);
 
   std::vector<Row> newest(int64_t count, bool& failed);
   void removeOldest(int64_t count);
@@ -248,6 +249,22 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   }
   // A burst that ends with nothing to save still releases its transaction.
   if (burstOver && db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
+}
+
+void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
+  // Nested in a burst (or in another joining task), the outer one saves.
+  if (batching_) {
+    task();
+    return;
+  }
+  struct Joining {
+    bool& flag;
+    explicit Joining(bool& f) : flag(f) { flag = true; }
+    ~Joining() { flag = false; }
+  } joining(batching_);
+  task();
+  batching_ = false;
+  if (hasChanges() || !afterSave_.empty()) saveContext();
 }
 
 std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
@@ -529,6 +546,10 @@ void EventDataManager::performBatched(Executor::Task task) {
   impl_->queue().post([weak = std::weak_ptr<Impl>(impl_), task = std::move(task)] {
     if (const auto impl = weak.lock()) impl->runBatched(task);
   });
+}
+
+void EventDataManager::performAndWaitJoiningSaves(const Executor::Task& task) {
+  impl_->queue().performAndWait([&] { impl_->runJoiningSaves(task); });
 }
 
 EventDataManager::StoreKind EventDataManager::kind() const { return impl_->kind(); }

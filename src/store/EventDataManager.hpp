@@ -67,6 +67,10 @@ class EventDataManager {
   /// made by the last of them, so a burst of events costs one commit instead of one each.
   /// Any thread.
   void performBatched(Executor::Task task);
+  /// Like `performAndWait`, with every save that `task` asks for through `saveContextThen`
+  /// joined into one commit when it ends: the answers to a whole batch cost one commit instead
+  /// of one each. Any thread.
+  void performAndWaitJoiningSaves(const Executor::Task& task);
   /// How the fallback chain ended; any thread.
   StoreKind kind() const;
 
@@ -86,7 +90,8 @@ class EventDataManager {
   /// callbacks registered with `saveContextThen`.
   void saveContext();
   /// Saves and then runs `afterSave`. Inside a `performBatched` task the save (and so
-  /// `afterSave`) may be left to a later task of the same burst.
+  /// `afterSave`) may be left to a later task of the same burst; inside
+  /// `performAndWaitJoiningSaves` it is left to the end of that task.
   void saveContextThen(Executor::Task afterSave);
   /// True while changes are pending.
   bool hasChanges() const;

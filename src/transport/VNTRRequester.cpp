@@ -135,7 +135,8 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
       reportStatistic(VNTRStatistic::responseEmpty, 1);
     } else {
       reportStatistic(VNTRStatistic::responseDataReceived, 1);
-      store_.performAndWait([&] { detail::dispatchResults(pending, *data); });
+      // One commit for all the requests the answer settles.
+      store_.performAndWaitJoiningSaves([&] { detail::dispatchResults(pending, *data); });
     }
     isRequesting.store(false);
     fire();
