@@ -44,7 +44,11 @@ std::filesystem::path scratchDirectory() {
   if (!path.empty()) return path;
   std::error_code ec;
   std::filesystem::path base = "/dev/shm";
-  if (::access(base.c_str(), W_OK) != 0) base = std::filesystem::temp_directory_path(ec);
+  if (const char* chosen = std::getenv("VNTR_FUZZ_SCRATCH"); chosen != nullptr && *chosen != 0) {
+    base = chosen;  // the runner's own directory, removed by it even after a crash
+  } else if (::access(base.c_str(), W_OK) != 0) {
+    base = std::filesystem::temp_directory_path(ec);
+  }
   std::string pattern = (base / "vntr-fuzz-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) die("cannot create a directory in " + base.string());
   path = pattern;

@@ -13,9 +13,10 @@ class ManualExecutor;
 
 namespace vntr::fuzz {
 
-/// A fresh directory for one fuzzer process: on tmpfs when /dev/shm is writable (files are
-/// rewritten and flushed for every input, which a disk would make slow), under the system's
-/// temporary directory otherwise. Removed when the process exits normally.
+/// A fresh directory for one fuzzer process: under $VNTR_FUZZ_SCRATCH when set, else on tmpfs
+/// when /dev/shm is writable (files are rewritten and flushed for every input, which a disk
+/// would make slow), else under the system's temporary directory. Removed when the process exits
+/// normally; after a crash, whoever set $VNTR_FUZZ_SCRATCH cleans up.
 std::filesystem::path scratchDirectory();
 
 /// Makes the library's main queue a manual queue that only the fuzzer steps, and silences the

@@ -13,8 +13,14 @@ if [ ${#targets[@]} -eq 0 ]; then
   for dir in "$here"/corpus/*/; do targets+=("$(basename "$dir")"); done
 fi
 
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/vntr-fuzz-run.XXXXXX")
+# On tmpfs when there is one: the fuzzers rewrite and flush files for every input.
+scratch_base=${TMPDIR:-/tmp}
+[ -w /dev/shm ] && scratch_base=/dev/shm
+scratch=$(mktemp -d "$scratch_base/vntr-fuzz-run.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
+# The fuzzers' own files go here too, so a crash leaves nothing behind.
+mkdir -p "$scratch/files"
+export VNTR_FUZZ_SCRATCH="$scratch/files"
 artifacts="$build/fuzz-artifacts"
 logs="$build/fuzz-logs"
 mkdir -p "$artifacts" "$logs"
