@@ -92,7 +92,12 @@ std::optional<std::string> writeFileAtomically(const std::filesystem::path& file
   const auto directory = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
   if (auto error = createPrivateDirectories(directory)) return error;
 
-  std::string pattern = (directory / ("." + file.filename().string() + ".XXXXXX")).string();
+  // Appended piece by piece: GCC 12 at -O3 wrongly reports `"." + std::string` as an
+  // overlapping copy (-Wrestrict), which breaks the release build with warnings as errors.
+  std::string tempName = ".";
+  tempName += file.filename().string();
+  tempName += ".XXXXXX";
+  std::string pattern = (directory / tempName).string();
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   FileDescriptor fd(::mkostemp(name.data(), O_CLOEXEC));
