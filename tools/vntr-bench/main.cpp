@@ -20,6 +20,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <latch>
 #include <mutex>
@@ -308,6 +310,22 @@ int64_t queuedRequests() {
   return count;
 }
 
+// CPU time used so far by this process's thread named `name`, in nanoseconds; 0 before it
+// exists. The store's thread rate per CPU second does not depend on what else the machine runs.
+int64_t threadCpuNanos(const std::string& name) {
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    std::ifstream comm(task.path() / "comm");
+    std::string taskName;
+    if (!std::getline(comm, taskName) || taskName != name) continue;
+    std::ifstream schedstat(task.path() / "schedstat");
+    int64_t nanos = 0;
+    schedstat >> nanos;
+    return nanos;
+  }
+  return 0;
+}
+
 long connectionsOpened() {
   const auto* client = dynamic_cast<const HTTPClient*>(&Runtime::shared().httpClient());
   return client ? client->connectionsOpened() : -1;
@@ -435,6 +453,7 @@ json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegat
                              [&] { return delegate.total(VNTRStatistic::eventCreated); });
   const auto deadline = deadlineFor(o.events);
   const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadline);
+  const int64_t storeCpu = threadCpuNanos("VNTRStore");
   const auto answered = delegate.wait(VNTRStatistic::eventResultProcessed, deadline);
   const int64_t left = queuedRequests();  // waits for the last dispatch and its commit
   const auto delivered = SteadyClock::now();
@@ -446,6 +465,9 @@ json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegat
     const double s = secondsBetween(firing.start, *stored);
     out["stored_s"] = round3(s);
     out["stored_per_s"] = std::lround(static_cast<double>(o.events) / s);
+    out["store_thread_cpu_s"] = round3(static_cast<double>(storeCpu) / 1e9);
+    out["stored_per_store_cpu_s"] = std::lround(
+        static_cast<double>(o.events) * 1e9 / static_cast<double>(std::max<int64_t>(storeCpu, 1)));
   }
   if (answered) {
     const double s = secondsBetween(firing.start, delivered);
@@ -531,6 +553,7 @@ json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate,
   const Firing firing = fire(o.events, o.threads, o.pace,
                              [&] { return delegate.total(VNTRStatistic::eventCreated); });
   const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadlineFor(o.events));
+  const int64_t storeCpu = threadCpuNanos("VNTRStore");
   const int64_t afterIntake = peakRssKiB();
   const int64_t queued = queuedRequests();
   json out = {{"mode", "queued"}, {"events", o.events}, {"threads", o.threads}};
@@ -539,6 +562,9 @@ json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate,
     const double s = secondsBetween(firing.start, *stored);
     out["stored_s"] = round3(s);
     out["stored_per_s"] = std::lround(static_cast<double>(o.events) / s);
+    out["store_thread_cpu_s"] = round3(static_cast<double>(storeCpu) / 1e9);
+    out["stored_per_store_cpu_s"] = std::lround(
+        static_cast<double>(o.events) * 1e9 / static_cast<double>(std::max<int64_t>(storeCpu, 1)));
   }
   out["queued"] = queued;
   out["peak_rss_intake_kib"] = afterIntake;
