@@ -102,6 +102,8 @@ Runtime::~Runtime() {
   if (requester_) requester_->setHttpClient(nullptr);
   httpClient_.reset();
   network_.reset();
+  // Event builds still queued read the connection type: let them finish first.
+  if (store_) store_->performAndWait([] {});
   reachability_.reset();
   requester_.reset();
   store_.reset();

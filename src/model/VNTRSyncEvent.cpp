@@ -2,9 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -50,51 +54,15 @@ const json& syncEventBaseDictionary() {
   return *base;
 }
 
-// Strict UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF), as the JSON writer
-// demands.
-bool isValidUTF8(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size()) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t length = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (byte >= 0xC2 && byte <= 0xDF) {
-      length = 2;
-    } else if (byte >= 0xE0 && byte <= 0xEF) {
-      length = 3;
-      if (byte == 0xE0) low = 0xA0;
-      if (byte == 0xED) high = 0x9F;
-    } else if (byte >= 0xF0 && byte <= 0xF4) {
-      length = 4;
-      if (byte == 0xF0) low = 0x90;
-      if (byte == 0xF4) high = 0x8F;
-    } else {
-      return false;
-    }
-    if (i + length > text.size()) return false;
-    const auto second = static_cast<unsigned char>(text[i + 1]);
-    if (second < low || second > high) return false;
-    for (size_t k = 2; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if (next < 0x80 || next > 0xBF) return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
 enum class DataCheck { valid, invalid, unserializable };
 
 // Walks the event data without recursion, so hostile nesting cannot overflow the stack.
 DataCheck checkEventData(const json& data) {
   if (!data.is_object()) return DataCheck::invalid;
   bool textValid = true;
-  std::vector<std::pair<const json*, size_t>> stack{{&data, 1}};
+  std::vector<std::pair<const json*, size_t>> stack;
+  stack.reserve(16);  // room for a typical flat object without growing
+  stack.emplace_back(&data, 1);
   while (!stack.empty()) {
     const auto [value, depth] = stack.back();
     stack.pop_back();
@@ -123,20 +91,6 @@ DataCheck checkEventData(const json& data) {
   return textValid ? DataCheck::valid : DataCheck::unserializable;
 }
 
-// Whether `data` nests objects and arrays at most `limit` deep (the top level counting 1),
-// walked without recursion. Copying recurses once per level, so this runs before any copy.
-bool nestingWithin(const json& data, size_t limit) {
-  std::vector<std::pair<const json*, size_t>> stack{{&data, 1}};
-  while (!stack.empty()) {
-    const auto [value, depth] = stack.back();
-    stack.pop_back();
-    if (!value->is_structured()) continue;
-    if (depth > limit) return false;
-    for (const auto& member : *value) stack.emplace_back(&member, depth + 1);
-  }
-  return true;
-}
-
 std::string chooseId(EventDataManager& store, VNTREventPriority priority) {
   if (priority != VNTREventPriority::high) return EventDataManager::nilID;
   std::string id = makeUuidString();
@@ -154,19 +108,19 @@ void setOrRemove(json& object, const char* key, const std::optional<std::string>
   }
 }
 
-// The request text, or nothing after the failure line. `eventData` is moved in when it can be.
-template <class Data>
+// The request text, or nothing after the failure line. The event data arrives serialised: it is
+// written in place of a null placeholder, so it is not parsed again.
 std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const std::string& id,
                                         const std::vector<std::string>& events,
-                                        const std::string& eventGroup, Data&& eventData,
-                                        TimePoint now) {
+                                        const std::string& eventGroup,
+                                        std::string_view eventDataText, TimePoint now) {
   json request = syncEventBaseDictionary();
   if (!id.empty()) request["id"] = id;
   auto& params = request["params"];
   const EventFacts& facts = env.facts();
   setOrRemove(params, "siteId", facts.siteId);
   setOrRemove(params, "appId", facts.appId);
-  params["eventData"] = std::forward<Data>(eventData);
+  params["eventData"] = nullptr;
   params["eventGroup"] = eventGroup;
   params["events"] = events;
   params["version"] = "1.0";
@@ -182,36 +136,52 @@ std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const s
   auto& appInfo = params["appInfo"];
   appInfo["appInstallTime"] = facts.appInstallTime;
   appInfo["sdkVersion"] = facts.sdkVersion;
+  std::string text;
   try {
-    return request.dump();
+    text = request.dump();
   } catch (const json::exception&) {
     // The caller's events or group (or a device fact) are not valid UTF-8.
     Debug(VantrelLogLevel::error, kSerializationFailed);
     return std::nullopt;
   }
+  // Every quote inside a string value is escaped, so this member can only be the placeholder.
+  static constexpr std::string_view kPlaceholder = R"("eventData":null)";
+  const size_t at = text.find(kPlaceholder);
+  if (at == std::string::npos) brokenTemplate("eventData placeholder not written");
+  text.replace(at + kPlaceholder.size() - 4, 4, eventDataText);
+  return text;
 }
 
-// Builds, inserts and saves one request; `keep` asks for the record object back. The event
-// data is checked before it is copied, as copying recurses.
-template <class Data>
+// The event data as the request will carry it, or nothing after the failure line.
+std::optional<std::string> serialisedEventData(const json& eventData) {
+  switch (checkEventData(eventData)) {
+    case DataCheck::invalid:
+      Debug(VantrelLogLevel::error, kInvalidEventData);
+      return std::nullopt;
+    case DataCheck::unserializable:
+      Debug(VantrelLogLevel::error, kEventDataSerializationFailed);
+      return std::nullopt;
+    case DataCheck::valid:
+      break;
+  }
+  try {
+    return eventData.dump();
+  } catch (const std::exception&) {
+    Debug(VantrelLogLevel::error, kEventDataSerializationFailed);
+    return std::nullopt;
+  }
+}
+
+// Builds, inserts and saves one request from checked, serialised event data; `keep` asks for
+// the record object back.
 std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
                                      const std::vector<std::string>& events,
-                                     const std::string& eventGroup, Data&& eventData,
+                                     const std::string& eventGroup, std::string_view eventDataText,
                                      VNTREventPriority priority, bool keep) {
   try {
     const TimePoint now = env.clock->now();
     std::string id = chooseId(env.store, priority);
-    switch (checkEventData(eventData)) {
-      case DataCheck::invalid:
-        Debug(VantrelLogLevel::error, kInvalidEventData);
-        return nullptr;
-      case DataCheck::unserializable:
-        Debug(VantrelLogLevel::error, kEventDataSerializationFailed);
-        return nullptr;
-      case DataCheck::valid:
-        break;
-    }
-    auto request = buildRequest(env, id, events, eventGroup, std::forward<Data>(eventData), now);
+    auto request = buildRequest(env, id, events, eventGroup, eventDataText, now);
     if (!request) return nullptr;
     const double timeStamp = referenceDateSeconds(now);
     std::shared_ptr<VNTRSyncEvent> record;
@@ -234,22 +204,112 @@ std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
   }
 }
 
+// Builds everything that waits in `env.pending`, oldest first, on the store queue. All of it in
+// one task, as one task per call did: work queued on the store after a call returned still
+// runs after that call's build. The store commits every kMaxBatchedSaves builds on the way.
+void drainPendingBuilds(const SyncEventEnvironment& env) {
+  auto buffers = env.pending->takeAll();
+  for (; !buffers.empty(); buffers.pop_front()) {
+    PendingBuilds::forEach(
+        buffers.front(), [&env](VNTREventPriority priority, const std::vector<std::string>& events,
+                                const std::string& eventGroup, std::string_view data) {
+          build(env, events, eventGroup, data, priority, /*keep=*/false);
+        });
+  }
+}
+
+// A packed build: priority (1 byte), event count, each event, the group and the event data
+// text, every count and length a native 32-bit integer.
+constexpr size_t kBufferBytes = 32 * 1024;
+
+uint32_t pieceLength(size_t size) {
+  if (size > UINT32_MAX) throw std::length_error("event piece too long");
+  return static_cast<uint32_t>(size);
+}
+
+void put(std::string& buffer, uint32_t value) {
+  char bytes[sizeof value];
+  std::memcpy(bytes, &value, sizeof value);
+  buffer.append(bytes, sizeof value);
+}
+
+void put(std::string& buffer, std::string_view piece) {
+  put(buffer, static_cast<uint32_t>(piece.size()));
+  buffer.append(piece);
+}
+
+uint32_t takeLength(std::string_view& buffer) {
+  uint32_t value = 0;
+  std::memcpy(&value, buffer.data(), sizeof value);
+  buffer.remove_prefix(sizeof value);
+  return value;
+}
+
+std::string_view takePiece(std::string_view& buffer) {
+  const uint32_t size = takeLength(buffer);
+  const std::string_view piece = buffer.substr(0, size);
+  buffer.remove_prefix(size);
+  return piece;
+}
+
 }  // namespace
 
-void VNTRSyncEvent::createEvent(const SyncEventEnvironment& env, std::vector<std::string> events,
-                                std::string eventGroup, const nlohmann::json& eventData,
-                                VNTREventPriority priority) {
-  // The caller's data is copied into the task below; data nested deeply enough to overflow the
-  // caller's stack while being copied is refused here, before the copy.
-  if (!nestingWithin(eventData, kMaxEventDataDepth)) {
-    Debug(VantrelLogLevel::error, kInvalidEventData);
-    return;
+bool PendingBuilds::append(VNTREventPriority priority, const std::vector<std::string>& events,
+                           std::string_view eventGroup, std::string_view eventDataText) {
+  size_t size = 1 + sizeof(uint32_t) * 3 + eventGroup.size() + eventDataText.size();
+  pieceLength(events.size());
+  for (const auto& event : events) size += sizeof(uint32_t) + pieceLength(event.size());
+  pieceLength(eventGroup.size());
+  pieceLength(eventDataText.size());
+  std::scoped_lock lock(mutex_);
+  if (buffers_.empty() || buffers_.back().size() + size > buffers_.back().capacity()) {
+    buffers_.emplace_back().reserve(std::max(size, kBufferBytes));
   }
-  env.store.performBatched([env = &env, events = std::move(events),
-                            eventGroup = std::move(eventGroup), eventData = eventData,
-                            priority]() mutable {
-    build(*env, events, eventGroup, std::move(eventData), priority, /*keep=*/false);
-  });
+  std::string& buffer = buffers_.back();
+  buffer.push_back(static_cast<char>(priority));
+  put(buffer, static_cast<uint32_t>(events.size()));
+  for (const auto& event : events) put(buffer, event);
+  put(buffer, eventGroup);
+  put(buffer, eventDataText);
+  return !std::exchange(drainScheduled_, true);
+}
+
+std::deque<std::string> PendingBuilds::takeAll() {
+  std::scoped_lock lock(mutex_);
+  drainScheduled_ = false;
+  return std::exchange(buffers_, {});
+}
+
+void PendingBuilds::forEach(
+    std::string_view buffer,
+    const std::function<void(VNTREventPriority, const std::vector<std::string>&, const std::string&,
+                             std::string_view)>& build) {
+  std::vector<std::string> events;
+  std::string eventGroup;
+  while (!buffer.empty()) {
+    const auto priority = static_cast<VNTREventPriority>(buffer.front());
+    buffer.remove_prefix(1);
+    events.resize(takeLength(buffer));
+    for (auto& event : events) event = takePiece(buffer);
+    eventGroup = takePiece(buffer);
+    build(priority, events, eventGroup, takePiece(buffer));
+  }
+}
+
+void VNTRSyncEvent::createEvent(const SyncEventEnvironment& env,
+                                const std::vector<std::string>& events,
+                                const std::string& eventGroup, const nlohmann::json& eventData,
+                                VNTREventPriority priority) {
+  const auto data = serialisedEventData(eventData);
+  if (!data) return;
+  try {
+    if (env.pending->append(priority, events, eventGroup, *data)) {
+      env.store.performBatched([&env] { drainPendingBuilds(env); });
+    }
+  } catch (const std::exception&) {
+    // Out of memory, or a piece too long to pack: dropped like any unbuildable event.
+    Debug(VantrelLogLevel::error, kSerializationFailed);
+  }
 }
 
 std::shared_ptr<VNTRSyncEvent> VNTRSyncEvent::make(const SyncEventEnvironment& env,
@@ -257,7 +317,9 @@ std::shared_ptr<VNTRSyncEvent> VNTRSyncEvent::make(const SyncEventEnvironment& e
                                                    const std::string& eventGroup,
                                                    const nlohmann::json& eventData,
                                                    VNTREventPriority priority) {
-  return build(env, events, eventGroup, eventData, priority, /*keep=*/true);
+  const auto data = serialisedEventData(eventData);
+  if (!data) return nullptr;
+  return build(env, events, eventGroup, *data, priority, /*keep=*/true);
 }
 
 VNTRSyncEvent::VNTRSyncEvent(EventDataManager& store, int64_t rowId, std::string id,

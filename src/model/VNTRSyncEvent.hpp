@@ -2,11 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/Clock.hpp"
@@ -26,6 +29,30 @@ struct EventFacts {
   std::string hardware, appInstallTime /* timestamp() */, sdkVersion;
 };
 
+/// Event builds waiting for the store queue, packed back to back into a few large buffers.
+/// A burst of calls then costs the store queue's memory about the size of the arguments
+/// (instead of a closure, a copied JSON tree and a queue entry per call), and each caller one
+/// short lock. Any thread.
+class PendingBuilds {
+ public:
+  /// Packs one build after the others; true when the caller must schedule a drain. Throws
+  /// std::length_error for a piece longer than 4 GiB.
+  bool append(VNTREventPriority priority, const std::vector<std::string>& events,
+              std::string_view eventGroup, std::string_view eventDataText);
+  /// Every buffer of packed builds, oldest first; the next `append` schedules a drain again.
+  std::deque<std::string> takeAll();
+  /// Calls `build(priority, events, eventGroup, eventDataText)` for each build packed in
+  /// `buffer`, oldest first.
+  static void forEach(std::string_view buffer,
+                      const std::function<void(VNTREventPriority, const std::vector<std::string>&,
+                                               const std::string&, std::string_view)>& build);
+
+ private:
+  std::mutex mutex_;
+  std::deque<std::string> buffers_;
+  bool drainScheduled_ = false;
+};
+
 /// The collaborators of event building. Must outlive every build queued with it: the wiring
 /// keeps one for the life of the process.
 struct SyncEventEnvironment {
@@ -33,6 +60,7 @@ struct SyncEventEnvironment {
   std::function<const EventFacts&()> facts;     // first call may compute them; on the store queue
   std::function<std::string()> connectionType;  // read when each request is built
   std::shared_ptr<const Clock> clock;
+  std::shared_ptr<PendingBuilds> pending = std::make_shared<PendingBuilds>();
 };
 
 /// One stored event request: the JSON text sent to the tag server, its id and its creation
@@ -45,13 +73,13 @@ class VNTRSyncEvent final : public VNTRMethodProtocol {
   /// refused as invalid, so serialising it can never exhaust a thread's stack.
   static constexpr size_t kMaxEventDataDepth = 512;
 
-  /// Submits the build to the store queue and returns at once; any thread. Builds that are
-  /// already waiting share one commit (see EventDataManager::performBatched), and each reports
-  /// `eventCreated` after the commit that holds it. `env` is used by reference when the build
-  /// runs. Event data nested deeper than `kMaxEventDataDepth` is refused (after the error line)
-  /// on the calling thread, before it is copied.
-  static void createEvent(const SyncEventEnvironment& env, std::vector<std::string> events,
-                          std::string eventGroup, const nlohmann::json& eventData,
+  /// Checks and serialises the event data on the calling thread, queues the build for the
+  /// store queue and returns at once; any thread. Builds that are already waiting share one
+  /// commit (see EventDataManager::performBatched), and each reports `eventCreated` after the
+  /// commit that holds it. `env` is used by reference when the build runs. Event data that
+  /// `make` would refuse is refused here, after the same error line.
+  static void createEvent(const SyncEventEnvironment& env, const std::vector<std::string>& events,
+                          const std::string& eventGroup, const nlohmann::json& eventData,
                           VNTREventPriority priority);
 
   /// Builds the request, inserts it, saves and reports `eventCreated`; on the store queue.

@@ -235,10 +235,10 @@ void EventDataManager::Impl::startupTrim() {
 
 void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   // Counted down before running, so zero means nothing else of the burst is waiting.
-  const bool moreWaiting = queuedBatched_.fetch_sub(1, std::memory_order_acq_rel) > 1;
+  queuedBatched_.fetch_sub(1, std::memory_order_acq_rel);
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
-  if (moreWaiting && db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
+  if (db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
   batching_ = true;
   runGuarded(task);
   batching_ = false;
@@ -474,7 +474,8 @@ void EventDataManager::Impl::saveContext() {
 
 void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   afterSave_.push_back(std::move(afterSave));
-  if (!batching_) saveContext();
+  // A joined commit is bounded even inside one task that saves many times.
+  if (!batching_ || afterSave_.size() >= EventDataManager::kMaxBatchedSaves) saveContext();
 }
 
 int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {

@@ -62,10 +62,10 @@ class EventDataManager {
   /// every index page it touched, so 4096 builds per commit write a third of the pages 512 do.
   static constexpr size_t kMaxBatchedSaves = 4096;
 
-  /// Like `perform`, for work that ends with `saveContextThen`: while more such tasks are
-  /// already waiting, their saves are joined into one commit (at most kMaxBatchedSaves tasks)
-  /// made by the last of them, so a burst of events costs one commit instead of one each.
-  /// Any thread.
+  /// Like `perform`, for work that saves with `saveContextThen`: the saves of the task, and of
+  /// more such tasks already waiting behind it, are joined into one commit (at most
+  /// kMaxBatchedSaves saves) made when the last of them ends, so a burst of events costs one
+  /// commit instead of one each. Any thread.
   void performBatched(Executor::Task task);
   /// Like `performAndWait`, with every save that `task` asks for through `saveContextThen`
   /// joined into one commit when it ends: the answers to a whole batch cost one commit instead
@@ -90,7 +90,8 @@ class EventDataManager {
   /// callbacks registered with `saveContextThen`.
   void saveContext();
   /// Saves and then runs `afterSave`. Inside a `performBatched` task the save (and so
-  /// `afterSave`) may be left to a later task of the same burst; inside
+  /// `afterSave`) may be left to the end of the task or to a later task of the same burst,
+  /// until kMaxBatchedSaves saves wait; inside
   /// `performAndWaitJoiningSaves` it is left to the end of that task.
   void saveContextThen(Executor::Task afterSave);
   /// True while changes are pending.

@@ -254,6 +254,41 @@ TEST_F(SyncEventTest, eventCreatedIsReportedOnlyOnceTheEventIsCommitted) {
   EXPECT_EQ(delegate->seen().back(), (std::pair<int64_t, int64_t>{VNTRStatistic::eventCreated, 4}));
 }
 
+TEST_F(SyncEventTest, aBurstIsBuiltInCallOrderInCommitsOfBoundedSize) {
+  open();
+  // More calls than one commit may hold, and payloads larger than one intake buffer.
+  const size_t burst = EventDataManager::kMaxBatchedSaves + 100;
+  const std::string big(40 * 1024, 'b');
+  for (size_t i = 0; i < burst; ++i) {
+    json data = {{"i", i}};
+    if (i % 1000 == 7) data["big"] = big;
+    VNTRSyncEvent::createEvent(*env, {"e" + std::to_string(i), ""}, "g", data,
+                               i % 3 == 0 ? VNTREventPriority::low : VNTREventPriority::high);
+  }
+  EXPECT_EQ(rowsOnDisk(file), 0);
+  queue->runUntilIdle();
+
+  // Each creation is reported after the commit that holds it.
+  const auto seen = delegate->seen();
+  ASSERT_EQ(seen.size(), burst);
+  EXPECT_EQ(seen.front().second, static_cast<int64_t>(EventDataManager::kMaxBatchedSaves));
+  EXPECT_EQ(seen[EventDataManager::kMaxBatchedSaves - 1].second,
+            static_cast<int64_t>(EventDataManager::kMaxBatchedSaves));
+  EXPECT_EQ(seen.back().second, static_cast<int64_t>(burst));
+
+  const auto events = stored();  // newest first
+  ASSERT_EQ(events.size(), burst);
+  for (size_t i = 0; i < burst; ++i) {
+    const auto& event = *events[burst - 1 - i];
+    const auto params = json::parse(event.jsonData())["params"];
+    ASSERT_EQ(params["events"], json({"e" + std::to_string(i), ""})) << i;
+    EXPECT_EQ(params["eventData"]["i"], i);
+    EXPECT_EQ(params["eventData"].contains("big"), i % 1000 == 7) << i;
+    EXPECT_EQ(event.id().empty(), i % 3 == 0) << i;
+  }
+  EXPECT_EQ(json::parse(events[burst - 8]->jsonData())["params"]["eventData"]["big"], big);
+}
+
 TEST_F(SyncEventTest, answersRemoveTheRecordAndWarnOnlyForTrackedIds) {
   open();
   fire({{"a", 1}}, {"tracked"}, VNTREventPriority::high);
