@@ -1,5 +1,6 @@
 #include "support/TestSupport.hpp"
 
+#include <sqlite3.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -69,6 +70,21 @@ bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+int64_t rowsOnDisk(const std::filesystem::path& storeFile) {
+  sqlite3* db = nullptr;
+  int64_t rows = -1;
+  if (sqlite3_open_v2(storeFile.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM SyncEvent", -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+      rows = sqlite3_column_int64(stmt, 0);
+    }
+    sqlite3_finalize(stmt);
+  }
+  sqlite3_close_v2(db);
+  return rows;
 }
 
 }  // namespace vntr::test

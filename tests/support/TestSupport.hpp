@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -52,5 +53,9 @@ void drainMainQueue();
 /// Polls `predicate` until it holds or `timeout` passes; returns its last value.
 bool waitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+/// The requests committed to the store file, read through a connection of its own (so changes
+/// a store has not saved yet do not count); -1 when the file cannot be read.
+int64_t rowsOnDisk(const std::filesystem::path& storeFile);
 
 }  // namespace vntr::test

@@ -20,6 +20,7 @@ namespace vntr {
 namespace {
 
 namespace fs = std::filesystem;
+using test::rowsOnDisk;
 using Kind = EventDataManager::StoreKind;
 
 constexpr const char* kStoreFailed =
@@ -28,22 +29,6 @@ constexpr const char* kNewStoreFailed =
     "[Error] Failed to initialize new event store.  Will attempt in memory storage.";
 constexpr const char* kMemoryFailed =
     "[Fatal] Failed to initialize new in memory store.  We are out of options.";
-
-// Reads the file through a connection of its own, so only committed rows count.
-int64_t rowsOnDisk(const fs::path& file) {
-  sqlite3* db = nullptr;
-  int64_t rows = -1;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM SyncEvent", -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-      rows = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close_v2(db);
-  return rows;
-}
 
 // True when another connection can take the write lock right now.
 bool writableByOthers(const fs::path& file) {
@@ -317,16 +302,6 @@ TEST_F(StoreTest, anUnwritableDocumentsDirectoryGivesAnInMemoryStore) {
   EXPECT_EQ(log.lines(), (std::vector<std::string>{kStoreFailed, kNewStoreFailed}));
   fill(2);
   EXPECT_EQ(onQueue([&] { return store->count(); }), 2);
-}
-
-TEST_F(StoreTest, aReadOnlyDocumentsDirectoryGivesAnInMemoryStore) {
-  if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind root";
-  fs::create_directories(documents);
-  fs::permissions(documents, fs::perms::owner_read | fs::perms::owner_exec);
-  test::CapturingLog log;
-  open();
-  EXPECT_EQ(store->kind(), Kind::memory);
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{kStoreFailed, kNewStoreFailed}));
 }
 
 TEST_F(StoreTest, withNoStoreAtAllEveryOperationLogsItsFailure) {

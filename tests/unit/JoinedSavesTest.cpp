@@ -1,7 +1,6 @@
 // The answers to one batch are saved with one commit: nothing of them reaches the file before
 // the dispatch ends, everything does after it, and a failing dispatch leaves the store usable.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <filesystem>
 #include <functional>
@@ -21,22 +20,7 @@ namespace vntr {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Rows committed to the file, read through a connection of its own.
-int64_t rowsOnDisk(const fs::path& file) {
-  sqlite3* db = nullptr;
-  int64_t rows = -1;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM SyncEvent", -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-      rows = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close_v2(db);
-  return rows;
-}
+using test::rowsOnDisk;
 
 class JoinedSavesTest : public ::testing::Test {
  protected:

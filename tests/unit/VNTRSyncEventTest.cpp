@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <cmath>
 #include <limits>
@@ -21,21 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-int64_t rowsOnDisk(const fs::path& file) {
-  sqlite3* db = nullptr;
-  int64_t rows = -1;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM SyncEvent", -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-      rows = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close_v2(db);
-  return rows;
-}
+using test::rowsOnDisk;
 
 /// Records each statistic with the number of requests on disk at that moment.
 class RecordingDelegate : public VNTRTagManagerDelegate {
