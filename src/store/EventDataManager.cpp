@@ -88,8 +88,9 @@ bool prepareDatabase(sqlite::Database& db, bool onDisk) {
       if (!mode || mode.step() != sqlite::Statement::Step::row) return false;
     }
     if (!db.exec("PRAGMA synchronous=NORMAL")) return false;
-    // Room for the indexes of a large queue (the default is 2 MiB); grows only as pages are used.
-    db.exec("PRAGMA cache_size=-8192");
+    // SQLite's default of 2 MiB, stated: a larger cache bought no speed with 100,000 requests
+    // queued (the rest of the index sits in the kernel's page cache), only resident memory.
+    db.exec("PRAGMA cache_size=-2048");
     auto check = db.statement("PRAGMA quick_check");
     if (!check || check.step() != sqlite::Statement::Step::row || check.columnText(0) != "ok") {
       return false;
