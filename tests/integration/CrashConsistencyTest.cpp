@@ -86,7 +86,7 @@ TEST(CrashConsistency, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt
                             : std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  const int rounds = scaled(60, 30);
+  const int rounds = scaled(60, 50);
   int64_t nextSeq = 0;
   int64_t largestStore = 0;
   for (int round = 0; round < rounds; ++round) {

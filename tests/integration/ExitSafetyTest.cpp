@@ -48,7 +48,7 @@ TEST(ExitSafety, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequests)
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   const std::array<const char*, 3> points = {"inflight", "timer", "random"};
-  const int rounds = scaled(100, 50);
+  const int rounds = 100;
   int tlsRounds = 0;
   int round = 0;
   for (; round < rounds; ++round) {
