@@ -172,6 +172,7 @@ class EventDataManager::Impl {
   bool droppedChanges_ = false;          // no store: changes since the last save were lost
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
+  bool inBurst_ = false;  // runBatched: the burst's transaction outlives the saves inside it
 
   std::atomic<int64_t> queuedBatched_{0};  // batched tasks posted and not yet started
 };
@@ -240,9 +241,9 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
   if (db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
-  batching_ = true;
+  batching_ = inBurst_ = true;
   runGuarded(task);
-  batching_ = false;
+  batching_ = inBurst_ = false;
   const bool burstOver = queuedBatched_.load(std::memory_order_acquire) == 0;
   if ((hasChanges() || !afterSave_.empty()) &&
       (burstOver || afterSave_.size() >= EventDataManager::kMaxBatchedSaves)) {
@@ -258,11 +259,23 @@ void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
     task();
     return;
   }
+  // One transaction spans the task: a batch answer looks up and deletes each of its requests,
+  // which would otherwise take and drop the file locks once per request. The save commits it;
+  // a task that leaves nothing to save (or throws) ends it here.
   struct Joining {
-    bool& flag;
-    explicit Joining(bool& f) : flag(f) { flag = true; }
-    ~Joining() { flag = false; }
-  } joining(batching_);
+    Impl& impl;
+    bool began = false;
+    explicit Joining(Impl& i) : impl(i) {
+      impl.batching_ = true;
+      began = impl.db_ && !impl.db_->inTransaction() && impl.db_->exec("BEGIN IMMEDIATE");
+    }
+    ~Joining() {
+      impl.batching_ = false;
+      if (began && impl.db_ && impl.db_->inTransaction() && !impl.db_->exec("COMMIT")) {
+        impl.db_->exec("ROLLBACK");
+      }
+    }
+  } joining(*this);
   task();
   batching_ = false;
   if (hasChanges() || !afterSave_.empty()) saveContext();
@@ -476,7 +489,11 @@ void EventDataManager::Impl::saveContext() {
 void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   afterSave_.push_back(std::move(afterSave));
   // A joined commit is bounded even inside one task that saves many times.
-  if (!batching_ || afterSave_.size() >= EventDataManager::kMaxBatchedSaves) saveContext();
+  if (batching_ && afterSave_.size() < EventDataManager::kMaxBatchedSaves) return;
+  saveContext();
+  // The builds still to come in this burst keep looking ids up; without an open transaction
+  // every lookup would take and drop the file locks again.
+  if (inBurst_ && db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
 }
 
 int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <limits>
@@ -11,6 +13,7 @@
 #include "core/Extensions.hpp"
 #include "core/ManualExecutor.hpp"
 #include "core/SerialExecutor.hpp"
+#include "model/Uuid.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/TestSupport.hpp"
@@ -347,6 +350,44 @@ TEST(SyncEventThreads, concurrentCallersAllGetStoredAndCounted) {
     EXPECT_EQ(ids.size(), static_cast<size_t>(kThreads * kPerThread));
   }
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
+}
+
+
+// Ids come from a per-thread buffer of kernel randomness; a forked child must not hand out the
+// ids its parent has yet to use.
+TEST(SyncEventIds, freshIdsAreWellFormedAndNotRepeatedByAForkedChild) {
+  const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  EXPECT_TRUE(std::regex_match(makeUuidString(), uuid));  // the buffer is now part used
+  constexpr int kEach = 200;
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(pipeFds[0]);
+    std::string ids;
+    for (int i = 0; i < kEach; ++i) ids += makeUuidString();
+    const bool written = write(pipeFds[1], ids.data(), ids.size()) ==
+                         static_cast<ssize_t>(ids.size());
+    _exit(written ? 0 : 1);
+  }
+  close(pipeFds[1]);
+  std::set<std::string> ids;
+  for (int i = 0; i < kEach; ++i) {
+    const std::string id = makeUuidString();
+    EXPECT_TRUE(std::regex_match(id, uuid)) << id;
+    ids.insert(id);
+  }
+  std::string childIds;
+  char chunk[4096];
+  for (ssize_t n; (n = read(pipeFds[0], chunk, sizeof chunk)) > 0;) childIds.append(chunk, n);
+  close(pipeFds[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(childIds.size(), size_t{kEach} * 36);
+  for (size_t at = 0; at < childIds.size(); at += 36) ids.insert(childIds.substr(at, 36));
+  EXPECT_EQ(ids.size(), size_t{2 * kEach});
 }
 
 }  // namespace
