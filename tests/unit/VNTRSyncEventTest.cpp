@@ -352,7 +352,6 @@ TEST(SyncEventThreads, concurrentCallersAllGetStoredAndCounted) {
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
-
 // Ids come from a per-thread buffer of kernel randomness; a forked child must not hand out the
 // ids its parent has yet to use.
 TEST(SyncEventIds, freshIdsAreWellFormedAndNotRepeatedByAForkedChild) {
@@ -367,8 +366,8 @@ TEST(SyncEventIds, freshIdsAreWellFormedAndNotRepeatedByAForkedChild) {
     close(pipeFds[0]);
     std::string ids;
     for (int i = 0; i < kEach; ++i) ids += makeUuidString();
-    const bool written = write(pipeFds[1], ids.data(), ids.size()) ==
-                         static_cast<ssize_t>(ids.size());
+    const bool written =
+        write(pipeFds[1], ids.data(), ids.size()) == static_cast<ssize_t>(ids.size());
     _exit(written ? 0 : 1);
   }
   close(pipeFds[1]);
