@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -108,23 +110,24 @@ void setOrRemove(json& object, const char* key, const std::optional<std::string>
   }
 }
 
-// The request text, or nothing after the failure line. The event data arrives serialised: it is
-// written in place of a null placeholder, so it is not parsed again.
-std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const std::string& id,
-                                        const std::vector<std::string>& events,
-                                        const std::string& eventGroup,
-                                        std::string_view eventDataText, TimePoint now) {
+// The members that change from one request to the next; the rest comes from the template and
+// the device facts. `id` unset keeps the template's.
+struct VariableMembers {
+  std::optional<std::string> id;
+  json events, eventGroup, eventTime, eventData, connectionType;
+};
+
+json fillTemplate(const EventFacts& facts, VariableMembers members) {
   json request = syncEventBaseDictionary();
-  if (!id.empty()) request["id"] = id;
+  if (members.id) request["id"] = std::move(*members.id);
   auto& params = request["params"];
-  const EventFacts& facts = env.facts();
   setOrRemove(params, "siteId", facts.siteId);
   setOrRemove(params, "appId", facts.appId);
-  params["eventData"] = nullptr;
-  params["eventGroup"] = eventGroup;
-  params["events"] = events;
+  params["eventData"] = std::move(members.eventData);
+  params["eventGroup"] = std::move(members.eventGroup);
+  params["events"] = std::move(members.events);
   params["version"] = "1.0";
-  params["eventTime"] = timestamp(now);
+  params["eventTime"] = std::move(members.eventTime);
   auto& deviceData = params["deviceData"];
   deviceData["os"] = facts.os;
   deviceData["lang"] = facts.lang;
@@ -132,24 +135,129 @@ std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const s
   deviceData["idfv"] = facts.idfv;
   deviceData["dnt"] = facts.dnt;
   deviceData["hardware"] = facts.hardware;
-  deviceData["connectionType"] = env.connectionType ? env.connectionType() : std::string();
+  deviceData["connectionType"] = std::move(members.connectionType);
   auto& appInfo = params["appInfo"];
   appInfo["appInstallTime"] = facts.appInstallTime;
   appInfo["sdkVersion"] = facts.sdkVersion;
-  std::string text;
+  return request;
+}
+
+// The request text for one set of device facts, rendered once with a marker in each variable
+// member and cut there. A build then writes only its own members between the fixed pieces:
+// copying and serialising the whole template per event cost more than storing it.
+class RequestLayout {
+ public:
+  enum Slot : size_t { id, events, eventGroup, eventTime, eventData, connectionType, count };
+  using Texts = std::array<std::string_view, Slot::count>;  // JSON text of each member
+
+  explicit RequestLayout(const EventFacts& facts) : facts_(facts) {
+    VariableMembers markers;
+    markers.id = marker(id);
+    markers.events = marker(events);
+    markers.eventGroup = marker(eventGroup);
+    markers.eventTime = marker(eventTime);
+    markers.eventData = marker(eventData);
+    markers.connectionType = marker(connectionType);
+    std::string text;
+    try {
+      text = fillTemplate(facts, std::move(markers)).dump();
+      templateId_ = syncEventBaseDictionary().at("id").dump();
+    } catch (const json::exception&) {
+      return;  // a fact that is not valid UTF-8, or no template id: every build renders whole
+    }
+    std::array<std::pair<size_t, Slot>, Slot::count> found{};
+    for (size_t slot = 0; slot < Slot::count; ++slot) {
+      const std::string quoted = json(marker(static_cast<Slot>(slot))).dump();
+      const size_t at = text.find(quoted);
+      // A fact that happens to hold a marker's text would make the cut ambiguous.
+      if (at == std::string::npos || text.find(quoted, at + 1) != std::string::npos) return;
+      found[slot] = {at, static_cast<Slot>(slot)};
+    }
+    std::sort(found.begin(), found.end());
+    size_t from = 0;
+    for (size_t i = 0; i < Slot::count; ++i) {
+      pieces_[i] = text.substr(from, found[i].first - from);
+      order_[i] = found[i].second;
+      from = found[i].first + json(marker(found[i].second)).dump().size();
+    }
+    pieces_[Slot::count] = text.substr(from);
+    usable_ = true;
+  }
+
+  bool usable() const { return usable_; }
+  bool renderedFrom(const EventFacts& facts) const { return facts == facts_; }
+  const std::string& templateId() const { return templateId_; }
+
+  std::string render(const Texts& texts) const {
+    size_t size = 0;
+    for (const auto& piece : pieces_) size += piece.size();
+    for (const auto text : texts) size += text.size();
+    std::string request;
+    request.reserve(size);
+    for (size_t i = 0; i < Slot::count; ++i) {
+      request += pieces_[i];
+      request += texts[order_[i]];
+    }
+    request += pieces_[Slot::count];
+    return request;
+  }
+
+ private:
+  // A control character no fact is expected to hold, serialised as \u0001.
+  static std::string marker(Slot slot) { return "\x01vntr-member-" + std::to_string(slot); }
+
+  EventFacts facts_;
+  bool usable_ = false;
+  std::string templateId_;
+  std::array<std::string, Slot::count + 1> pieces_;
+  std::array<Slot, Slot::count> order_{};
+};
+
+// The request text, or nothing after the failure line. The event data arrives serialised and is
+// written as it is, so it is not parsed again.
+std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const std::string& id,
+                                        const std::vector<std::string>& events,
+                                        const std::string& eventGroup,
+                                        std::string_view eventDataText, TimePoint now) {
+  const EventFacts& facts = env.facts();
+  // Builds run on the store queue's thread; the layout follows the facts when they change.
+  thread_local std::unique_ptr<RequestLayout> layout;
+  if (!layout || !layout->renderedFrom(facts)) layout = std::make_unique<RequestLayout>(facts);
+  const std::string connectionType = env.connectionType ? env.connectionType() : std::string();
   try {
-    text = request.dump();
+    if (layout->usable()) {
+      const std::string idText = id.empty() ? layout->templateId() : json(id).dump();
+      const std::string eventsText = json(events).dump();
+      const std::string groupText = json(eventGroup).dump();
+      const std::string timeText = json(timestamp(now)).dump();
+      const std::string connectionText = json(connectionType).dump();
+      RequestLayout::Texts texts;
+      texts[RequestLayout::id] = idText;
+      texts[RequestLayout::events] = eventsText;
+      texts[RequestLayout::eventGroup] = groupText;
+      texts[RequestLayout::eventTime] = timeText;
+      texts[RequestLayout::eventData] = eventDataText;
+      texts[RequestLayout::connectionType] = connectionText;
+      return layout->render(texts);
+    }
+    VariableMembers members{id.empty() ? std::nullopt : std::optional<std::string>(id),
+                            events,
+                            eventGroup,
+                            timestamp(now),
+                            nullptr,
+                            connectionType};
+    std::string text = fillTemplate(facts, std::move(members)).dump();
+    // Every quote inside a string value is escaped, so this member can only be the placeholder.
+    static constexpr std::string_view kPlaceholder = R"("eventData":null)";
+    const size_t at = text.find(kPlaceholder);
+    if (at == std::string::npos) brokenTemplate("eventData placeholder not written");
+    text.replace(at + kPlaceholder.size() - 4, 4, eventDataText);
+    return text;
   } catch (const json::exception&) {
     // The caller's events or group (or a device fact) are not valid UTF-8.
     Debug(VantrelLogLevel::error, kSerializationFailed);
     return std::nullopt;
   }
-  // Every quote inside a string value is escaped, so this member can only be the placeholder.
-  static constexpr std::string_view kPlaceholder = R"("eventData":null)";
-  const size_t at = text.find(kPlaceholder);
-  if (at == std::string::npos) brokenTemplate("eventData placeholder not written");
-  text.replace(at + kPlaceholder.size() - 4, 4, eventDataText);
-  return text;
 }
 
 // The event data as the request will carry it, or nothing after the failure line.

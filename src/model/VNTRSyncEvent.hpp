@@ -27,6 +27,8 @@ struct EventFacts {
   std::string os, lang, idfa, idfv;
   bool dnt = true;
   std::string hardware, appInstallTime /* timestamp() */, sdkVersion;
+
+  bool operator==(const EventFacts&) const = default;
 };
 
 /// Event builds waiting for the store queue, packed back to back into a few large buffers.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <optional>
@@ -158,6 +159,58 @@ TEST_F(SyncEventTest, lowPriorityKeepsTheTemplateIdAndAbsentIdsAreRemoved) {
   EXPECT_FALSE(request["params"].contains("siteId"));
   EXPECT_FALSE(request["params"].contains("appId"));
   EXPECT_EQ(request["params"]["eventData"], json::object());
+}
+
+// Requests are rendered from a cut of the template made once per set of device facts; facts
+// that change, that need escaping, or that hold the cut's own marker text must still give the
+// request a whole serialisation would.
+TEST_F(SyncEventTest, requestTextFollowsTheFactsWhateverTheyHold) {
+  open();
+  const auto requestAfter = [&](auto change, VNTREventPriority priority) {
+    change();
+    VNTRSyncEvent::createEvent(*env, {"a\"b", "\xC3\xA9\n"}, "g\\", {{"k", 1}}, priority);
+    queue->runUntilIdle();
+    const auto events = stored();
+    std::string text = events.front()->jsonData();  // the newest
+    store->performAndWait([&] {
+      store->removeOldest(0);
+      store->saveContext();
+    });
+    return text;
+  };
+  const std::vector<std::pair<std::string, std::function<void()>>> changes = {
+      {"as set up", [] {}},
+      {"new site and no app id",
+       [&] {
+         facts.siteId = "67890";
+         facts.appId.reset();
+       }},
+      {"facts that need escaping", [&] { facts.hardware = "a\"\\\t\x7F\xE2\x82\xAC"; }},
+      {"a fact holding a member marker", [&] { facts.os = "\x01vntr-member-2"; }},
+      {"a fact quoting a member marker", [&] { facts.lang = "\"\x01vntr-member-4"; }},
+  };
+  for (const auto priority : {VNTREventPriority::high, VNTREventPriority::low}) {
+    for (const auto& [what, change] : changes) {
+      SCOPED_TRACE(what);
+      const std::string text = requestAfter(change, priority);
+      const json request = json::parse(text);
+      EXPECT_EQ(request.dump(), text);  // compact, members in order, escaped as the library does
+      const json& params = request["params"];
+      EXPECT_EQ(request["id"] == "0", priority == VNTREventPriority::low);
+      EXPECT_EQ(params["siteId"], *facts.siteId);
+      EXPECT_EQ(params.contains("appId"), facts.appId.has_value());
+      EXPECT_EQ(params["events"], json({"a\"b", "\xC3\xA9\n"}));
+      EXPECT_EQ(params["eventGroup"], "g\\");
+      EXPECT_EQ(params["eventData"], json({{"k", 1}}));
+      EXPECT_EQ(params["eventTime"], "20231114221320");
+      EXPECT_EQ(params["deviceData"]["os"], facts.os);
+      EXPECT_EQ(params["deviceData"]["lang"], facts.lang);
+      EXPECT_EQ(params["deviceData"]["hardware"], facts.hardware);
+      EXPECT_EQ(params["deviceData"]["connectionType"], "wifi");
+    }
+    facts.os = "Linux 12";
+    facts.lang = "en-US";
+  }
 }
 
 TEST_F(SyncEventTest, badEventDataIsRefusedWithItsLineAndLeavesNothingBehind) {
