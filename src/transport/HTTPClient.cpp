@@ -256,9 +256,9 @@ struct HTTPClient::State final : StoppedAtExit {
   std::atomic<long> connectionsOpened{0};
 
   std::mutex mutex;
-  std::vector<Request> queue;  // guarded by mutex
-  bool stopping = false;       // guarded by mutex
-  bool finished = false;       // guarded by mutex: the thread has shut down and left libcurl
+  std::vector<Request> queue;   // guarded by mutex
+  bool stopping = false;        // guarded by mutex
+  bool finished = false;        // guarded by mutex: the thread has shut down and left libcurl
   bool stoppedForExit = false;  // guarded by mutex: stopped by the exit handler, not a destructor
   std::condition_variable finishedChanged;
   std::atomic<std::thread::id> runner{};
