@@ -75,17 +75,17 @@ struct RouteSpec {
   std::vector<Bytes> extra = {};
 };
 
-Bytes route(uint32_t sequence, const RouteSpec& spec) {
+Bytes route(uint32_t sequence, const RouteSpec& shape) {
   rtmsg body{};
-  body.rtm_family = static_cast<unsigned char>(spec.family);
-  body.rtm_dst_len = spec.dstLen;
-  body.rtm_table = spec.table;
-  body.rtm_type = spec.type;
+  body.rtm_family = static_cast<unsigned char>(shape.family);
+  body.rtm_dst_len = shape.dstLen;
+  body.rtm_table = shape.table;
+  body.rtm_type = shape.type;
   body.rtm_protocol = RTPROT_BOOT;
-  body.rtm_flags = spec.flags;
+  body.rtm_flags = shape.flags;
   std::vector<Bytes> attributes = {attribute(RTA_PRIORITY, 100u)};
-  if (spec.oif != 0) attributes.push_back(attribute(RTA_OIF, spec.oif));
-  attributes.insert(attributes.end(), spec.extra.begin(), spec.extra.end());
+  if (shape.oif != 0) attributes.push_back(attribute(RTA_OIF, shape.oif));
+  attributes.insert(attributes.end(), shape.extra.begin(), shape.extra.end());
   return message(RTM_NEWROUTE, sequence, body, attributes);
 }
 
