@@ -23,8 +23,6 @@ class RandomBytes {
     const unsigned generation = forkGeneration.load(std::memory_order_relaxed);
     if (next_ + count > buffer_.size() || generation != generation_) refill(generation);
     std::copy_n(buffer_.begin() + static_cast<std::ptrdiff_t>(next_), count, out);
-    // Used bytes are wiped so that nothing after us can read them back out of memory.
-    std::fill_n(buffer_.begin() + static_cast<std::ptrdiff_t>(next_), count, uint8_t{0});
     next_ += count;
   }
 

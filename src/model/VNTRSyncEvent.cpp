@@ -165,20 +165,25 @@ class RequestLayout {
     } catch (const json::exception&) {
       return;  // a fact that is not valid UTF-8, or no template id: every build renders whole
     }
-    std::array<std::pair<size_t, Slot>, Slot::count> found{};
+    struct Found {
+      size_t at, length;
+      Slot slot;
+      bool operator<(const Found& other) const { return at < other.at; }
+    };
+    std::array<Found, Slot::count> found{};
     for (size_t slot = 0; slot < Slot::count; ++slot) {
       const std::string quoted = json(marker(static_cast<Slot>(slot))).dump();
       const size_t at = text.find(quoted);
       // A fact that happens to hold a marker's text would make the cut ambiguous.
       if (at == std::string::npos || text.find(quoted, at + 1) != std::string::npos) return;
-      found[slot] = {at, static_cast<Slot>(slot)};
+      found[slot] = {at, quoted.size(), static_cast<Slot>(slot)};
     }
     std::sort(found.begin(), found.end());
     size_t from = 0;
     for (size_t i = 0; i < Slot::count; ++i) {
-      pieces_[i] = text.substr(from, found[i].first - from);
-      order_[i] = found[i].second;
-      from = found[i].first + json(marker(found[i].second)).dump().size();
+      pieces_[i] = text.substr(from, found[i].at - from);
+      order_[i] = found[i].slot;
+      from = found[i].at + found[i].length;
     }
     pieces_[Slot::count] = text.substr(from);
     usable_ = true;
