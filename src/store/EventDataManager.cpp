@@ -157,6 +157,10 @@ class EventDataManager::Impl {
   void dropPendingInsert(std::deque<Row>::iterator row);
   bool dropPendingInsert(int64_t pk);
   void assertOnQueue() const { assert(queue_->isCurrent()); }
+  // Ends a transaction left open with nothing to save (a failed commit rolls back).
+  void endTransaction() {
+    if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
+  }
 
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
@@ -250,7 +254,7 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
     saveContext();
   }
   // A burst that ends with nothing to save still releases its transaction.
-  if (burstOver && db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
+  if (burstOver) endTransaction();
 }
 
 void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
@@ -271,9 +275,7 @@ void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
     }
     ~Joining() {
       impl.batching_ = false;
-      if (began && impl.db_ && impl.db_->inTransaction() && !impl.db_->exec("COMMIT")) {
-        impl.db_->exec("ROLLBACK");
-      }
+      if (began) impl.endTransaction();
     }
   } joining(*this);
   task();
