@@ -1,4 +1,5 @@
 // The C functions: each checks its pointers, then runs its body through one guard.
+#include <cxxabi.h>
 #include <vntr/vntr.h>
 
 #include <cmath>
@@ -71,6 +72,8 @@ vntr_status_t vntr_fire_events(const char* const* events, size_t count, const ch
 int vntr_subject_to_gdpr_consent(void) {
   try {
     return vntr::VNTRTagManager::sharedInstance().subjectToGdprConsent() ? 1 : 0;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return 1;
   }
@@ -79,6 +82,8 @@ int vntr_subject_to_gdpr_consent(void) {
 int vntr_has_gdpr_consent(void) {
   try {
     return vntr::VNTRTagManager::sharedInstance().hasGdprConsent() ? 1 : 0;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return 0;
   }

@@ -1,3 +1,5 @@
+#include <cxxabi.h>
+
 #include <vntr/VNTRTagManager.hpp>
 
 #include "Runtime.hpp"
@@ -16,6 +18,8 @@ void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData) {
   try {
     sharedInstance().fireEvents(events, eventGroup, eventData, VNTREventPriority::high, true);
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     // Nothing may reach the host: an allocation failure here loses this one call only.
   }
@@ -62,6 +66,8 @@ void VNTRTagManager::updateReachabilityFlags(uint32_t flags) {
   try {
     auto& reachability = Runtime::shared().reachability();
     if (reachability.source() == VNTRReachability::Source::host) reachability.updateFlags(flags);
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     // Nothing may reach the host.
   }

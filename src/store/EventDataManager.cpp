@@ -103,9 +103,16 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
   if (db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
-  batching_ = inBurst_ = true;
-  runGuarded(task);
-  batching_ = inBurst_ = false;
+  {
+    // Reset however the task ends: a host may end this thread inside a callback of it, and
+    // whoever runs the queue after that must find the store outside any burst.
+    struct InBurst {
+      Impl& impl;
+      explicit InBurst(Impl& i) : impl(i) { impl.batching_ = impl.inBurst_ = true; }
+      ~InBurst() { impl.batching_ = impl.inBurst_ = false; }
+    } inBurst(*this);
+    runGuarded(task);
+  }
   const bool burstOver = queuedBatched_.load(std::memory_order_acquire) == 0;
   if ((hasChanges() || !afterSave_.empty()) &&
       (burstOver || afterSave_.size() >= EventDataManager::kMaxBatchedSaves)) {
