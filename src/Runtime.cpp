@@ -1,5 +1,6 @@
 #include "Runtime.hpp"
 
+#include <cstdlib>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
@@ -40,7 +41,12 @@ Runtime& Runtime::shared() {
       options.reachabilitySource = VNTRReachability::Source::host;
       options.initialReachabilityFlags = *settings.hostReachability;
     }
-    return new Runtime(std::move(options));  // never destroyed
+    auto* const created = new Runtime(std::move(options));  // never destroyed
+    created->processWide_ = true;
+    // Registered after the transport's own exit handler (made by the constructor), so it runs
+    // first: the store commits while the transport still works and before anything is torn down.
+    std::atexit([] { Runtime::shared().finishAtExit(); });
+    return created;
   }();
   return *runtime;
 }
@@ -144,6 +150,7 @@ const EventFacts& Runtime::eventFacts() {
 EventDataManager& Runtime::store() {
   std::call_once(storeOnce_, [this] {
     store_ = std::make_unique<EventDataManager>(paths_.documentsDirectory, storeQueue_, clock_);
+    createdStore_.store(store_.get());
   });
   return *store_;
 }
@@ -162,6 +169,7 @@ VNTRReachability& Runtime::reachability() {
         std::make_unique<VNTRReachability>(reachabilitySource_, initialReachabilityFlags_);
     // The requester is made on the first reachable update if nothing has made it yet.
     reachability_->setOnReachable([this] { requester().fireNow(); });
+    createdReachability_.store(reachability_.get());
   });
   return *reachability_;
 }
@@ -194,6 +202,8 @@ VNTRRequester& Runtime::requester() {
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
         [] { return VNTRPreferences::sharedPreferences().serverURL(); });
+    requester_->setBatchEndedObserver([this] { noteBatchEnded(); });
+    createdRequester_.store(requester_.get());
   });
   return *requester_;
 }

@@ -33,13 +33,18 @@ CallsOnThisThread& callsOnThisThread() {
   return calls;
 }
 
-HostCallbacks::HostCallbacks(std::shared_ptr<const VNTRPreferences::LoggingCallback> defaultLog)
-    : log(std::move(defaultLog), gate) {}
+HostCallbacks::HostCallbacks(std::shared_ptr<const VNTRPreferences::LoggingCallback> initialLog)
+    : defaultLog(std::move(initialLog)), log(defaultLog, gate) {}
 
 bool HostCallbacks::stop(std::chrono::steady_clock::time_point deadline) {
   gate->close();
   const bool logIdle = log.waitIdle(deadline);
   return delegate.waitIdle(deadline) && logIdle;
+}
+
+void HostCallbacks::release() {
+  log.replace(defaultLog);
+  delegate.replace(nullptr);
 }
 
 }  // namespace vntr::detail

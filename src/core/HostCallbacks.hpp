@@ -145,8 +145,9 @@ class HostCallback {
 
 /// The callbacks of one preferences object.
 struct HostCallbacks {
-  explicit HostCallbacks(std::shared_ptr<const VNTRPreferences::LoggingCallback> defaultLog);
+  explicit HostCallbacks(std::shared_ptr<const VNTRPreferences::LoggingCallback> initialLog);
 
+  const std::shared_ptr<const VNTRPreferences::LoggingCallback> defaultLog;
   std::shared_ptr<CallbackGate> gate = std::make_shared<CallbackGate>();
   HostCallback<const VNTRPreferences::LoggingCallback> log;
   HostCallback<VNTRTagManagerDelegate> delegate{nullptr, gate};
@@ -155,6 +156,8 @@ struct HostCallbacks {
   /// Closes the gate and waits (up to `deadline`) for the calls in flight to end; false when
   /// some were still running.
   bool stop(std::chrono::steady_clock::time_point deadline);
+  /// Drops the host's callbacks (after `stop`), so nothing of the host is kept alive by us.
+  void release();
 };
 
 /// The callbacks the library calls: those of the shared preferences.

@@ -76,13 +76,17 @@ SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_shared
 
 SerialExecutor::~SerialExecutor() {
   stop();
-  if (thread_.joinable()) thread_.detach();  // destroyed from its own task; it ends by itself
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();  // destroyed from its own task; cannot join itself
+  } else {
+    thread_.join();
+  }
 }
 
 void SerialExecutor::stop() {
   state_->guard.reset();
   state_->context.stop();
-  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }
 
 void SerialExecutor::post(Task task) {

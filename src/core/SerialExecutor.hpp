@@ -33,8 +33,8 @@ class SerialExecutor final : public Executor {
   /// Runs `task` on the queue and waits for it until `deadline`; true when it ran. What it
   /// throws is caught and logged. Any thread; inline when already on the queue.
   bool performAndWaitUntil(std::chrono::steady_clock::time_point deadline, Task task);
-  /// Ends the thread after the task in progress (at once when called from that task, without
-  /// waiting for it). Tasks queued later run only when someone waits on the queue.
+  /// Lets the thread end after the task in progress, without waiting for it. Tasks queued from
+  /// then on run only when someone waits on the queue.
   void stop();
 
  private:

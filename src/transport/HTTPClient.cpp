@@ -503,6 +503,10 @@ void HTTPClient::get(const std::string& url, HTTPCompletion completion) {
   submit(false, std::string(), url, std::move(completion));
 }
 
+void HTTPClient::stop(std::chrono::steady_clock::time_point deadline) {
+  if (thread_.joinable()) state_->stopForExit(deadline);
+}
+
 long HTTPClient::connectionsOpened() const {
   return state_->connectionsOpened.load(std::memory_order_relaxed);
 }

@@ -39,6 +39,22 @@ void VNTRRequester::setHttpClient(std::shared_ptr<HTTPClientProtocol> client) {
   httpClient_.swap(client);
 }
 
+void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
+  auto next = std::make_shared<const std::function<void()>>(std::move(observer));
+  std::scoped_lock lock(mutex_);
+  batchEnded_.swap(next);
+}
+
+void VNTRRequester::endBatch() {
+  isRequesting.store(false);
+  std::shared_ptr<const std::function<void()>> observer;
+  {
+    std::scoped_lock lock(mutex_);
+    observer = batchEnded_;
+  }
+  if (observer && *observer) (*observer)();
+}
+
 void VNTRRequester::fire() {
   // The main queue would drop this request anyway while a timer is armed (or stale) or a batch
   // is in flight; skipping the hop spares the caller's thread and the main queue a wake-up per
@@ -113,7 +129,7 @@ void VNTRRequester::performRemoteRequests() {
     body += ']';
   });
   if (storedEvents == 0) {
-    isRequesting.store(false);
+    endBatch();
     return;
   }
   reportStatistic(VNTRStatistic::batchRequestSent, 1);
@@ -138,12 +154,12 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
       // One commit for all the requests the answer settles.
       store_.performAndWaitJoiningSaves([&] { detail::dispatchResults(pending, *data); });
     }
-    isRequesting.store(false);
+    endBatch();
     fire();
     return;
   }
   reportStatistic(VNTRStatistic::requestFailed, 1);
-  isRequesting.store(false);
+  endBatch();
   // Offline: the reachability callback restarts the requester when the network returns.
   if (reachability_.isReachable()) fire();
 }
