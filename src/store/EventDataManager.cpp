@@ -53,7 +53,7 @@ class EventDataManager::Impl {
   void remove(int64_t pk);
 
   Executor& queue() { return *queue_; }
-  StoreKind kind() const { return kind_; }
+  StoreKind kind() const { return kind_.load(); }
   std::atomic<int64_t>& queuedBatched() { return queuedBatched_; }
 
  private:
@@ -65,7 +65,7 @@ class EventDataManager::Impl {
 
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
-  StoreKind kind_ = StoreKind::none;  // written once by open(), before anyone else sees us
+  std::atomic<StoreKind> kind_{StoreKind::none};  // written once, by open()
 
   // Confined to the queue.
   std::unique_ptr<sqlite::Database> db_;
@@ -82,7 +82,7 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
                                   const AttemptFilter& allowed) {
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
-  kind_ = opened.kind;
+  kind_.store(opened.kind);
   nextPk_ = opened.nextPk;
 }
 
@@ -356,9 +356,15 @@ EventDataManager::EventDataManager(std::filesystem::path documentsDirectory,
                                    std::shared_ptr<Executor> queue,
                                    std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter)
     : impl_(std::make_shared<Impl>(std::move(queue), std::move(clock))) {
-  impl_->open(documentsDirectory, attemptFilter);
-  impl_->queue().post([weak = std::weak_ptr<Impl>(impl_)] {
-    if (const auto impl = weak.lock()) impl->startupTrim();
+  // Opening runs SQLite's quick_check over the whole file and the trim may delete thousands of
+  // rows: both belong on the store queue, not on the thread of the host's first call. Every
+  // task queued after this one finds the store open.
+  impl_->queue().post([weak = std::weak_ptr<Impl>(impl_), directory = std::move(documentsDirectory),
+                       filter = std::move(attemptFilter)] {
+    if (const auto impl = weak.lock()) {
+      impl->open(directory, filter);
+      impl->startupTrim();
+    }
   });
 }
 
