@@ -175,6 +175,37 @@ TEST(Lifecycle, aClearedCallbackIsNeverCalledAgain) {
   EXPECT_EQ(lateCalls.load(), 0);
 }
 
+// A Python program using the C API through ctypes sets both callbacks, fires and exits at once.
+// The interpreter ends foreign threads that call into it while it finalizes and then frees the
+// callbacks' code: the host must still exit cleanly, with every event stored.
+TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
+  const fs::path python = "/usr/bin/python3";
+  if (!fs::exists(python)) GTEST_SKIP() << "no " << python;
+  TempDir dir;
+  writeSiteID(dir / "bundle");
+  for (int round = 0; round < 20; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    fs::remove_all(dir / "documents");
+    auto options = command({python.string(), VNTR_PYTHON_HOST, VNTR_SHARED_LIBRARY,
+                            dir.path().string(), "http://127.0.0.1:9/tags", "20"},
+                           dir / "stderr");
+    if (std::string(VNTR_SANITIZER_RUNTIME).size() > 0) {
+      // The interpreter is not ours: only the library is checked, not Python's own leaks.
+      options.environment.push_back(std::string("LD_PRELOAD=") + VNTR_SANITIZER_RUNTIME);
+      options.environment.push_back("ASAN_OPTIONS=detect_leaks=0");
+    }
+    ChildProcess child(options);
+    const auto status = child.wait(60s);
+    ASSERT_TRUE(status.has_value());
+    const std::string log = readFile(dir / "stderr");
+    ASSERT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+        << describeWaitStatus(*status) << "\n"
+        << log;
+    EXPECT_FALSE(hasSanitizerReport(log)) << log;
+    EXPECT_EQ(readStore(HostLayout(dir.path()).store).rows, 20);
+  }
+}
+
 // The first call opens nothing itself: it returns while the store queue cannot run at all.
 TEST(Lifecycle, theFirstCallDoesNotWaitForTheStore) {
   TempDir dir;
