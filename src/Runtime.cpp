@@ -1,5 +1,7 @@
 #include "Runtime.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
@@ -73,7 +75,8 @@ std::shared_ptr<UserDefaults> standardUserDefaults() {
 }  // namespace
 
 Runtime::Runtime(RuntimeOptions options)
-    : mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
+    : ownerPid_(::getpid()),
+      mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
       storeQueue_(options.storeQueue ? std::move(options.storeQueue)
                                      : std::make_shared<SerialExecutor>("VNTRStore")),
       clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),

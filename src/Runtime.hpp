@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -123,6 +125,9 @@ class Runtime {
   void noteBatchEnded();
 
   bool processWide_ = false;  // set once by shared(), before the runtime is published
+  // The process whose threads these are. A child forked from it inherits the runtime without
+  // its threads: waiting on them there would only run into the timeout.
+  std::atomic<pid_t> ownerPid_;
   std::atomic<bool> shutDown_{false};
   std::atomic<EventDataManager*> createdStore_{nullptr};  // store_, once made
   std::atomic<VNTRRequester*> createdRequester_{nullptr};

@@ -1,5 +1,6 @@
 // The runtime's lifecycle: flush, shutdown and the exit hook.
 #include <cxxabi.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -104,6 +105,12 @@ Runtime::FlushResult Runtime::flush(std::chrono::milliseconds timeout) {
     Debug(VantrelLogLevel::error, kShutDownLine);
     return FlushResult::shutDown;
   }
+  if (::getpid() != ownerPid_.load()) {
+    Debug(
+        VantrelLogLevel::error,
+        "flush was called in a forked child, whose library has no threads: nothing is waited for.");
+    return FlushResult::timedOut;
+  }
   // From a library thread or a host callback, waiting would hold up the very threads that do the
   // work (or deadlock on them): ask for the batch and let it go on without us.
   if (detail::insideHostCallback() || storeQueue_->isCurrent() || mainQueue_->isCurrent()) {
@@ -118,8 +125,8 @@ Runtime::FlushResult Runtime::shutdown(std::chrono::milliseconds timeout) {
     Debug(VantrelLogLevel::error, kShutDownLine);
     return FlushResult::shutDown;
   }
-  const bool onOurThread =
-      detail::insideHostCallback() || storeQueue_->isCurrent() || mainQueue_->isCurrent();
+  const bool onOurThread = detail::insideHostCallback() || storeQueue_->isCurrent() ||
+                           mainQueue_->isCurrent() || ::getpid() != ownerPid_.load();
   const auto deadline = SteadyClock::now() + timeout;
   FlushResult result = FlushResult::timedOut;
   if (onOurThread) {
@@ -157,6 +164,8 @@ void Runtime::stopThreads(SteadyClock::time_point deadline) {
 }
 
 void Runtime::finishAtExit() {
+  // A forked child's threads are not these: there is nothing of its own to wait for.
+  if (::getpid() != ownerPid_.load()) return;
   try {
     auto& callbacks = detail::hostCallbacks();
     // The host's callbacks may use what exit is destroying; only a host that asked is called.
