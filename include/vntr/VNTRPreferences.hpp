@@ -114,10 +114,11 @@ class VNTR_API VNTRPreferences {
   void setConsentCheckURL(std::string url);
 
   /// Backoff after failed batches, off by default. When on, a batch that got no HTTP response, a
-  /// 5xx or 429 status, or a body that is not a usable answer makes the next one wait twice as
-  /// long as the last wait (from 1 s, with random jitter, at most 5 minutes), and at least what
-  /// the server's Retry-After asks (at most an hour); the first good answer restores the server's
-  /// interval. When off, batches keep the server's pace whatever the outcome.
+  /// 5xx or 429 status, or a body that is not a usable answer makes the next one wait about twice
+  /// as long as the last (from one to two batch intervals of at least 1 s, with random jitter,
+  /// at most 5 minutes), and at least what the server's Retry-After asks (at most an hour); the
+  /// first good answer restores the server's interval. When off, batches keep the server's pace
+  /// whatever the outcome.
   bool retryBackoff() const;
   void setRetryBackoff(bool enabled);
 

@@ -13,11 +13,12 @@ constexpr int kMaxDoublings = 16;
 RetryBackoff::RetryBackoff(Random random)
     : random_(std::move(random)), engine_(std::random_device{}()) {}
 
-double RetryBackoff::nextDelay(std::optional<double> retryAfter) {
+double RetryBackoff::nextDelay(double intervalSeconds, std::optional<double> retryAfter) {
   std::scoped_lock lock(mutex_);
-  const double step =
-      std::min(kMaxSeconds, kInitialSeconds * std::ldexp(1.0, std::min(failures_, kMaxDoublings)));
-  failures_ = std::min(failures_ + 1, kMaxDoublings + 1);
+  failures_ = std::min(failures_ + 1, kMaxDoublings);
+  const double base = std::isfinite(intervalSeconds) ? std::max(intervalSeconds, kInitialSeconds)
+                                                     : kInitialSeconds;
+  const double step = std::min(kMaxSeconds, base * std::ldexp(1.0, failures_));
   const double unit =
       random_ ? random_() : std::uniform_real_distribution<double>(0.0, 1.0)(engine_);
   // Half fixed, half random: waits still grow visibly, and failed devices drift apart.

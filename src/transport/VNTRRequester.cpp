@@ -54,9 +54,10 @@ void VNTRRequester::fireOnMainQueue() {
   // Only the main queue arms timers, so two fire() calls never arm two. A stale timer (expired
   // while offline, block still set) keeps fire() idle until the fire-now rule clears it.
   if (batchTimer()->isValid() || isRequesting.load()) return;
-  // A backoff wait is a floor: a fire-now request that came meanwhile does not shorten it.
+  // A backoff wait replaces the interval: a fire-now request that came meanwhile does not
+  // shorten it.
   const double backoff = backoffDelay_.exchange(0.0);
-  const double delay = std::max(nextBatchInterval.load(), backoff);
+  const double delay = backoff > 0.0 ? backoff : nextBatchInterval.load();
   holdingForBackoff_.store(backoff > 0.0);
   std::weak_ptr<VNTRRequester> weak = weak_from_this();
   auto timer = VNTRTimer::make(mainQueue_, delay, [weak] {
@@ -195,7 +196,7 @@ void VNTRRequester::settle(const BatchOutcome& outcome, const SentBatch& sent) {
     backoff_.reset();
     return;
   }
-  const double delay = backoff_.nextDelay(outcome.retryAfter);
+  const double delay = backoff_.nextDelay(batchIntervalSeconds.load(), outcome.retryAfter);
   backoffDelay_.store(delay);
   Debug(VantrelLogLevel::info, "Next batch in " + std::to_string(delay) + " s (backoff after " +
                                    std::to_string(backoff_.failures()) + " failed batches)");
