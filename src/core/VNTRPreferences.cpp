@@ -108,9 +108,7 @@ void VNTRPreferences::setConsentCheckURL(std::string url) {
   consentCheckURL_ = std::move(url);
 }
 
-bool VNTRPreferences::retryBackoff() const {
-  return retryBackoff_.load(std::memory_order_relaxed);
-}
+bool VNTRPreferences::retryBackoff() const { return retryBackoff_.load(std::memory_order_relaxed); }
 
 void VNTRPreferences::setRetryBackoff(bool enabled) {
   retryBackoff_.store(enabled, std::memory_order_relaxed);

@@ -213,8 +213,7 @@ GdprConsent::GdprConsent(UserDefaults& defaults, HTTPGet httpGet, CheckEndpoint 
     : core_(std::make_shared<Core>(Core{defaults, std::move(httpGet), std::move(checkEndpoint)})) {}
 
 GdprConsent::GdprConsent(UserDefaults& defaults, HTTPGet httpGet, std::string checkEndpoint)
-    : GdprConsent(defaults, std::move(httpGet),
-                  [url = std::move(checkEndpoint)] { return url; }) {}
+    : GdprConsent(defaults, std::move(httpGet), [url = std::move(checkEndpoint)] { return url; }) {}
 
 GdprConsent::~GdprConsent() {
   if (const uint64_t token = observerToken_.load(); token != 0) {

@@ -13,10 +13,9 @@ size_t argumentBytes(const std::vector<std::string>& events, std::string_view ev
 
 bool refuseOversizedRequest(size_t bytes) {
   if (bytes <= kMaxEventRequestBytes) return false;
-  Debug(VantrelLogLevel::error, "Event request of at least " + std::to_string(bytes) +
-                                    " bytes is above the limit of " +
-                                    std::to_string(kMaxEventRequestBytes) +
-                                    " bytes; it was not stored");
+  Debug(VantrelLogLevel::error,
+        "Event request of at least " + std::to_string(bytes) + " bytes is above the limit of " +
+            std::to_string(kMaxEventRequestBytes) + " bytes; it was not stored");
   return true;
 }
 

@@ -16,8 +16,8 @@
 
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
-#include "model/RequestSizeLimit.hpp"
 #include "core/VNTRStatistic.hpp"
+#include "model/RequestSizeLimit.hpp"
 #include "model/Uuid.hpp"
 #include "store/EventDataManager.hpp"
 

@@ -35,7 +35,8 @@ void BatchOutcome::log(int64_t requests) const {
   if (reason.empty()) return;
   std::string line = "Batch of " + std::to_string(requests) + " request" +
                      (requests == 1 ? "" : "s") + " failed: " + reason;
-  if (retryAfter) line += " (Retry-After " + std::to_string(static_cast<int64_t>(*retryAfter)) + " s)";
+  if (retryAfter)
+    line += " (Retry-After " + std::to_string(static_cast<int64_t>(*retryAfter)) + " s)";
   Debug(VantrelLogLevel::info, line);
 }
 

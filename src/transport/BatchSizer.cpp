@@ -21,8 +21,6 @@ bool BatchSizer::refused(int64_t requests) {
   return requests <= 1;
 }
 
-void BatchSizer::accepted() {
-  limit_.store(std::min(maxRequests_, limit_.load() * 2));
-}
+void BatchSizer::accepted() { limit_.store(std::min(maxRequests_, limit_.load() * 2)); }
 
 }  // namespace vntr

@@ -60,9 +60,8 @@ std::string consentCheckURLFor(const std::string& serverURL) {
   const auto scheme = part(handle.get(), CURLUPART_SCHEME);
   if (!scheme || (*scheme != "http" && *scheme != "https")) return "";
   // Credentials in the server URL are for the tag server's own path; the check gets none.
-  for (const CURLUPart cleared :
-       {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_QUERY,
-        CURLUPART_FRAGMENT}) {
+  for (const CURLUPart cleared : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS,
+                                  CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
     curl_url_set(handle.get(), cleared, nullptr, 0);
   }
   if (curl_url_set(handle.get(), CURLUPART_PATH, kConsentCheckPath, 0) != CURLUE_OK) return "";

@@ -16,8 +16,8 @@ RetryBackoff::RetryBackoff(Random random)
 double RetryBackoff::nextDelay(double intervalSeconds, std::optional<double> retryAfter) {
   std::scoped_lock lock(mutex_);
   failures_ = std::min(failures_ + 1, kMaxDoublings);
-  const double base = std::isfinite(intervalSeconds) ? std::max(intervalSeconds, kInitialSeconds)
-                                                     : kInitialSeconds;
+  const double base =
+      std::isfinite(intervalSeconds) ? std::max(intervalSeconds, kInitialSeconds) : kInitialSeconds;
   const double step = std::min(kMaxSeconds, base * std::ldexp(1.0, failures_));
   const double unit =
       random_ ? random_() : std::uniform_real_distribution<double>(0.0, 1.0)(engine_);

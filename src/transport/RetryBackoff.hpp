@@ -9,8 +9,9 @@ namespace vntr {
 
 /// How long to wait after failed batches, when the host turned backoff on: the wait doubles with
 /// each failure in a row, starting above the server's interval (at least kInitialSeconds) and
-/// up to kMaxSeconds, and a random part spreads the devices that failed together. A server's Retry-After is honoured up to kMaxRetryAfterSeconds,
-/// so a wrong header cannot silence a device for days. Any thread.
+/// up to kMaxSeconds, and a random part spreads the devices that failed together. A server's
+/// Retry-After is honoured up to kMaxRetryAfterSeconds, so a wrong header cannot silence a device
+/// for days. Any thread.
 class RetryBackoff {
  public:
   static constexpr double kInitialSeconds = 1.0;

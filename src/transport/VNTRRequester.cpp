@@ -163,8 +163,7 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
     } else {
       reportStatistic(VNTRStatistic::responseDataReceived, 1);
       // One commit for all the requests the answer settles.
-      store_.performAndWaitJoiningSaves(
-          [&] { parsed = detail::dispatchResults(pending, *data); });
+      store_.performAndWaitJoiningSaves([&] { parsed = detail::dispatchResults(pending, *data); });
     }
   } else {
     reportStatistic(VNTRStatistic::requestFailed, 1);

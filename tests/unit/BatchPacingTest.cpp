@@ -25,8 +25,8 @@ class ScriptedServer final : public HTTPClientProtocol {
   long status = 200;
   Body body = Body::answer;
   std::optional<double> retryAfter;
-  std::vector<size_t> sizes;   // stored requests per batch
-  std::vector<size_t> bytes;   // body bytes per batch
+  std::vector<size_t> sizes;  // stored requests per batch
+  std::vector<size_t> bytes;  // body bytes per batch
 
   void post(std::string batch, const std::string& url, HTTPCompletion completion) override {
     const auto parsed = nlohmann::json::parse(batch);
