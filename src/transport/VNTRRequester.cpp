@@ -153,6 +153,12 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
                                 std::optional<std::string> data,
                                 std::optional<HTTPURLResponse> response,
                                 std::optional<HTTPError> error) {
+  // A detached transport means the runtime is being torn down and may already have destroyed
+  // the store and reachability: the requests stay stored for the next launch.
+  if (!httpClient()) {
+    isRequesting.store(false);
+    return;
+  }
   // The error and the status code do not change how the answer is handled: the body decides.
   // They only pace and size the following batches.
   bool parsed = false;
