@@ -33,7 +33,9 @@ TEST(NetworkSeams, consentCheckFollowsTheServerUnlessItsURLIsSet) {
     SCOPED_TRACE(explicitURL);
     PreferencesGuard guard;
     test::TempDir dir;
-    sandbox::SandboxServer tags({.needsConsent = true}), consent({.needsConsent = true});
+    sandbox::SandboxConfig needsConsent;
+    needsConsent.needsConsent = true;
+    sandbox::SandboxServer tags(needsConsent), consent(needsConsent);
     ASSERT_TRUE(tags.start() && consent.start());
     sandbox::SandboxServer& checked = explicitURL ? consent : tags;
     auto& preferences = VNTRPreferences::sharedPreferences();
