@@ -1,5 +1,8 @@
 #include "Runtime.hpp"
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
@@ -41,7 +44,12 @@ Runtime& Runtime::shared() {
       options.reachabilitySource = VNTRReachability::Source::host;
       options.initialReachabilityFlags = *settings.hostReachability;
     }
-    return new Runtime(std::move(options));  // never destroyed
+    auto* const created = new Runtime(std::move(options));  // never destroyed
+    created->processWide_ = true;
+    // Registered after the transport's own exit handler (made by the constructor), so it runs
+    // first: the store commits while the transport still works and before anything is torn down.
+    std::atexit([] { Runtime::shared().finishAtExit(); });
+    return created;
   }();
   return *runtime;
 }
@@ -68,7 +76,8 @@ std::shared_ptr<UserDefaults> standardUserDefaults() {
 }  // namespace
 
 Runtime::Runtime(RuntimeOptions options)
-    : mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
+    : ownerPid_(::getpid()),
+      mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
       storeQueue_(options.storeQueue ? std::move(options.storeQueue)
                                      : std::make_shared<SerialExecutor>("VNTRStore")),
       clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
@@ -155,6 +164,7 @@ const EventFacts& Runtime::eventFacts() {
 EventDataManager& Runtime::store() {
   std::call_once(storeOnce_, [this] {
     store_ = std::make_unique<EventDataManager>(paths_.documentsDirectory, storeQueue_, clock_);
+    createdStore_.store(store_.get());
   });
   return *store_;
 }
@@ -173,6 +183,7 @@ VNTRReachability& Runtime::reachability() {
         std::make_unique<VNTRReachability>(reachabilitySource_, initialReachabilityFlags_);
     // The requester is made on the first reachable update if nothing has made it yet.
     reachability_->setOnReachable([this] { requester().fireNow(); });
+    createdReachability_.store(reachability_.get());
   });
   return *reachability_;
 }
@@ -205,6 +216,8 @@ VNTRRequester& Runtime::requester() {
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
         [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_);
+    requester_->setBatchEndedObserver([this] { noteBatchEnded(); });
+    createdRequester_.store(requester_.get());
   });
   return *requester_;
 }

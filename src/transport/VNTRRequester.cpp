@@ -42,6 +42,22 @@ void VNTRRequester::setHttpClient(std::shared_ptr<HTTPClientProtocol> client) {
   httpClient_.swap(client);
 }
 
+void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
+  auto next = std::make_shared<const std::function<void()>>(std::move(observer));
+  std::scoped_lock lock(mutex_);
+  batchEnded_.swap(next);
+}
+
+void VNTRRequester::endBatch() {
+  isRequesting.store(false);
+  std::shared_ptr<const std::function<void()>> observer;
+  {
+    std::scoped_lock lock(mutex_);
+    observer = batchEnded_;
+  }
+  if (observer && *observer) (*observer)();
+}
+
 void VNTRRequester::fire() {
   // The main queue would drop this request anyway while a timer is armed (or stale) or a batch
   // is in flight; skipping the hop spares the caller's thread and the main queue a wake-up per
@@ -99,7 +115,7 @@ void VNTRRequester::performRemoteRequests() {
   SentBatch sent;
   std::string body = buildBody(*pending, sent);
   if (sent.requests == 0) {
-    isRequesting.store(false);
+    endBatch();
     return;
   }
   reportStatistic(VNTRStatistic::batchRequestSent, 1);
@@ -156,7 +172,7 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
   // A detached transport means the runtime is being torn down and may already have destroyed
   // the store and reachability: the requests stay stored for the next launch.
   if (!httpClient()) {
-    isRequesting.store(false);
+    isRequesting.store(false);  // touches nothing else: the runtime may be going away
     return;
   }
   // The error and the status code do not change how the answer is handled: the body decides.
@@ -175,7 +191,7 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
     reportStatistic(VNTRStatistic::requestFailed, 1);
   }
   settle(BatchOutcome::of(response, error, data.has_value(), parsed), sent);
-  isRequesting.store(false);
+  endBatch();
   // Offline: the reachability callback restarts the requester when the network returns.
   if (response || reachability_.isReachable()) fire();
 }

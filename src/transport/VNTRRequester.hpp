@@ -66,6 +66,8 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
   std::shared_ptr<VNTRTimer> batchTimer() const;
   std::shared_ptr<HTTPClientProtocol> httpClient() const;
+  /// Called (on the thread that ends it) after every batch cycle that has ended, sent or not.
+  void setBatchEndedObserver(std::function<void()> observer);
   /// Installs another transport (for example `HTTPMockClient`) for the following batches.
   void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
 
@@ -78,6 +80,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   };
 
   void fireOnMainQueue();
+  void endBatch();
   std::string buildBody(PendingTable& pending, SentBatch& sent);
   void handleReply(PendingTable& pending, const SentBatch& sent, std::optional<std::string> data,
                    std::optional<HTTPURLResponse> response, std::optional<HTTPError> error);
@@ -98,8 +101,9 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   std::atomic<bool> holdingForBackoff_{false};
 
   mutable std::mutex mutex_;
-  std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_
-  std::shared_ptr<HTTPClientProtocol> httpClient_;  // guarded by mutex_
+  std::shared_ptr<VNTRTimer> batchTimer_;                    // guarded by mutex_
+  std::shared_ptr<HTTPClientProtocol> httpClient_;           // guarded by mutex_
+  std::shared_ptr<const std::function<void()>> batchEnded_;  // guarded by mutex_
 };
 
 }  // namespace vntr

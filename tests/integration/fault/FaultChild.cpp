@@ -12,6 +12,12 @@
 //       Like run, but the events are fired by a detached host thread that never stops, and the
 //       main thread returns from main (or calls exit) once a batch is in flight, once the batch
 //       timer is armed, or at a random moment after the first request was saved.
+//   vntr_fault_child fire <dataDir> <serverURL> <reportFile> <count> <return|exit|flush>
+//       Fires `count` events with eventData {"seq": n} from the main thread, then returns from
+//       main, calls exit, or calls flush, shutdown and the C API after shutdown, printing each
+//       result as "<call> <result>" (the first eventCreated also calls flush from inside the
+//       delegate). The network is reachable only for "flush". Writes "main returned" to
+//       reportFile as main ends, so the parent sees any callback that came after it.
 //   vntr_fault_child lock <storeFile> <write|exclusive>
 //       Another process holding the store: "write" holds a write transaction, "exclusive" also
 //       switches to the exclusive locking mode (no other connection may even read). Prints
@@ -23,6 +29,7 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
+#include <vntr/vntr.h>
 
 #include <array>
 #include <atomic>
@@ -77,11 +84,13 @@ class Reporter final : public vntr::VNTRTagManagerDelegate {
       const std::string line = std::to_string(total) + "\n";
       (void)!::write(reportFd, line.data(), line.size());
     }
+    if (statistic == VNTRStatistic::eventCreated && onCreated) onCreated();
   }
   int64_t operator[](VNTRStatistic statistic) const {
     return counts_[static_cast<size_t>(statistic.rawValue())].load();
   }
-  int reportFd = -1;  // set before the delegate is installed
+  int reportFd = -1;              // set before the delegate is installed
+  void (*onCreated)() = nullptr;  // likewise
 
  private:
   std::array<std::atomic<int64_t>, 10> counts_{};
@@ -93,7 +102,7 @@ Reporter& reporter() {
 }
 
 int usage() {
-  std::cerr << "usage: vntr_fault_child run|exit|lock ... (see the source)\n";
+  std::cerr << "usage: vntr_fault_child run|exit|fire|lock ... (see the source)\n";
   return 2;
 }
 
@@ -222,6 +231,48 @@ int exitWhile(char** argv) {
   return 0;
 }
 
+// Runs in the delegate at the first eventCreated: a flush from inside a callback must not wait
+// for (or deadlock on) the thread it runs on.
+std::atomic<int> flushInCallback{-1};
+std::atomic<int64_t> flushInCallbackMs{-1};
+
+void flushFromCallback() {
+  int expected = -1;
+  if (!flushInCallback.compare_exchange_strong(expected, -2)) return;
+  const auto started = std::chrono::steady_clock::now();
+  const bool empty = VNTRTagManager::flush(10s);
+  flushInCallbackMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::steady_clock::now() - started)
+                          .count();
+  flushInCallback = empty ? 1 : 0;
+}
+
+int fire(char** argv) {
+  const fs::path dataDir = argv[2];
+  const fs::path report = argv[4];
+  const int64_t count = std::stoll(argv[5]);
+  const std::string how = argv[6];
+  const bool reachable = how == "flush";
+  setUpHost(dataDir, argv[3], report);
+  VNTRTagManager::updateReachabilityFlags(reachable ? kReachable : 0);
+  reporter().onCreated = reachable ? flushFromCallback : nullptr;
+  for (int64_t n = 0; n < count; ++n) VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", n}});
+  if (how == "flush") {
+    std::cout << "flush " << VNTRTagManager::flush(20s) << "\n";
+    std::cout << "callback-flush " << flushInCallback << " " << (flushInCallbackMs < 1000) << "\n";
+    VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", count}});
+    std::cout << "shutdown " << VNTRTagManager::shutdown(20s) << "\n";
+    const char* events[] = {"fault"};
+    std::cout << "vntr_fire_events " << vntr_fire_events(events, 1, "fault", nullptr) << "\n";
+    std::cout << "vntr_flush " << vntr_flush(100) << "\n";
+    std::cout << "vntr_shutdown " << vntr_shutdown(100) << "\n";
+  }
+  const std::string marker = "main returned\n";
+  (void)!::write(reporter().reportFd, marker.data(), marker.size());
+  if (how == "exit") std::exit(0);
+  return 0;
+}
+
 int lock(char** argv) {
   const std::string how = argv[3];
   sqlite3* db = nullptr;
@@ -254,5 +305,6 @@ int main(int argc, char** argv) {
   if (mode == "run" && argc == 8) return run(argv);
   if (mode == "exit" && argc == 9) return exitWhile(argv);
   if (mode == "lock" && argc == 4) return lock(argv);
+  if (mode == "fire" && argc == 7) return fire(argv);
   return usage();
 }
