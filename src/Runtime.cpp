@@ -112,7 +112,10 @@ Runtime::~Runtime() {
   if (reachability_) reachability_->stopMonitor();
   tagManager_.reset();
   consentGet_ = nullptr;
-  if (requester_) requester_->setHttpClient(nullptr);
+  if (requester_) {
+    requester_->detach();
+    requester_->setHttpClient(nullptr);
+  }
   httpClient_.reset();
   network_.reset();
   // Event builds still queued read the connection type: let them finish first.

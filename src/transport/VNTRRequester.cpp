@@ -104,7 +104,7 @@ void VNTRRequester::setBatchInterval(int64_t milliseconds) {
 
 void VNTRRequester::performRemoteRequests() {
   holdingForBackoff_.store(false);  // the timer came due
-  // A detached transport means the runtime is being torn down: touch nothing else.
+  // Without a transport (taken away for teardown or shutdown) no batch starts.
   auto client = httpClient();
   if (!client) return;
   if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
@@ -165,13 +165,13 @@ std::string VNTRRequester::buildBody(PendingTable& pending, SentBatch& sent) {
   return body;
 }
 
+void VNTRRequester::detach() { detached_.store(true); }
+
 void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
                                 std::optional<std::string> data,
                                 std::optional<HTTPURLResponse> response,
                                 std::optional<HTTPError> error) {
-  // A detached transport means the runtime is being torn down and may already have destroyed
-  // the store and reachability: the requests stay stored for the next launch.
-  if (!httpClient()) {
+  if (detached_.load()) {
     isRequesting.store(false);  // touches nothing else: the runtime may be going away
     return;
   }

@@ -70,9 +70,13 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   void setBatchEndedObserver(std::function<void()> observer);
   /// Installs another transport (for example `HTTPMockClient`) for the following batches.
   void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
+  /// For the owner's teardown: a reply that arrives afterwards touches nothing, as the store and
+  /// reachability may already be gone (its requests stay stored for a later launch). Any thread.
+  void detach();
 
  private:
   using PendingTable = detail::PendingTable;
+  std::atomic<bool> detached_{false};
   /// What the reply handling needs to know about the batch it answers.
   struct SentBatch {
     int64_t requests = 0;

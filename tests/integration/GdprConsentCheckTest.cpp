@@ -119,7 +119,8 @@ const std::vector<Case>& cases() {
        500,
        R"({"needs_consent":false})",
        true,
-       {"[Verbose] GDPR consent not required.", kDeterminedTrue}},
+       {"[Error] GDPR requirement check answered with HTTP status 500",
+        "[Verbose] GDPR consent not required.", kDeterminedTrue}},
       {"needed", 200, R"({"needs_consent":true})", std::nullopt, {kDeterminedFalse}},
       {"silent", 200, "{}", std::nullopt, {kDeterminedFalse}},
       {"badly formatted",
@@ -131,7 +132,8 @@ const std::vector<Case>& cases() {
        502,
        "Bad Gateway",
        std::nullopt,
-       {"[Error] GDPR response is not JSON.", kDeterminedFalse}},
+       {"[Error] GDPR requirement check answered with HTTP status 502",
+        "[Error] GDPR response is not JSON.", kDeterminedFalse}},
   };
   return *all;
 }

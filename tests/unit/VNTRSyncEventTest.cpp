@@ -14,6 +14,7 @@
 #include "core/Extensions.hpp"
 #include "core/ManualExecutor.hpp"
 #include "core/SerialExecutor.hpp"
+#include "model/RequestSizeLimit.hpp"
 #include "model/Uuid.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
@@ -262,9 +263,9 @@ TEST_F(SyncEventTest, badEventDataIsRefusedWithItsLineAndLeavesNothingBehind) {
   EXPECT_EQ(stored().size(), 2u);
 }
 
-TEST_F(SyncEventTest, aMegabytePayloadIsStoredIntact) {
+TEST_F(SyncEventTest, aPayloadJustUnderTheSizeLimitIsStoredIntact) {
   open();
-  const std::string blob(1 << 20, 'x');
+  const std::string blob(kMaxEventRequestBytes - 4096, 'x');
   fire({{"blob", blob}});
   store.reset();
   open();
