@@ -1,12 +1,13 @@
 #include "Runtime.hpp"
 
 #include <vntr/UserDefaults.hpp>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "core/Extensions.hpp"
 #include "core/MainQueue.hpp"
 #include "core/SerialExecutor.hpp"
+#include "core/VNTRDebug.hpp"
 #include "core/VNTRInfo.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "facade/VNTRTagManagerSiteID.hpp"
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTRGetEvents.hpp"
@@ -22,6 +23,7 @@ struct SharedRuntimeSettings {
   std::mutex mutex;
   bool created = false;                      // guarded by mutex
   std::optional<uint32_t> hostReachability;  // guarded by mutex
+  std::optional<std::string> hostSiteID;     // guarded by mutex
 };
 
 SharedRuntimeSettings& sharedSettings() {
@@ -40,6 +42,7 @@ Runtime& Runtime::shared() {
       options.reachabilitySource = VNTRReachability::Source::host;
       options.initialReachabilityFlags = *settings.hostReachability;
     }
+    options.siteID = settings.hostSiteID;
     return new Runtime(std::move(options));  // never destroyed
   }();
   return *runtime;
@@ -50,6 +53,22 @@ bool Runtime::useHostReachability(uint32_t initialFlags) {
   std::scoped_lock lock(settings.mutex);
   if (settings.created) return false;
   settings.hostReachability = initialFlags;
+  return true;
+}
+
+bool Runtime::setHostSiteID(const std::string& siteID) {
+  if (siteID.empty() || !isValidUTF8(siteID)) {
+    Debug(VantrelLogLevel::error, "setSiteID: the site ID must be non-empty UTF-8 text; ignored.");
+    return false;
+  }
+  auto& settings = sharedSettings();
+  std::scoped_lock lock(settings.mutex);
+  if (settings.created) {
+    Debug(VantrelLogLevel::error,
+          "setSiteID: called after the library's first use; the site ID stays as it is.");
+    return false;
+  }
+  settings.hostSiteID = siteID;
   return true;
 }
 
@@ -81,7 +100,8 @@ Runtime::Runtime(RuntimeOptions options)
       reachabilitySource_(options.reachabilitySource),
       initialReachabilityFlags_(options.initialReachabilityFlags),
       consentCheckURL_(options.consentCheckURL.empty() ? kDefaultConsentCheckURL
-                                                       : std::move(options.consentCheckURL)) {
+                                                       : std::move(options.consentCheckURL)),
+      hostSiteID_(std::move(options.siteID)) {
   if (!httpClient_ || !consentGet_) network_ = std::make_shared<HTTPClient>();
   if (!httpClient_) httpClient_ = network_;
   if (!consentGet_) {
@@ -110,7 +130,13 @@ Runtime::~Runtime() {
 }
 
 const std::optional<std::string>& Runtime::siteID() {
-  std::call_once(siteIDOnce_, [this] { siteID_ = loadSiteID(paths_.mainBundleDirectory); });
+  std::call_once(siteIDOnce_, [this] {
+    siteID_ = loadSiteID(paths_.mainBundleDirectory);
+    if (!siteID_ && hostSiteID_) {
+      Debug(VantrelLogLevel::info, "Using the site ID set by the application.");
+      siteID_ = hostSiteID_;
+    }
+  });
   return siteID_;
 }
 
@@ -198,9 +224,9 @@ VNTRRequester& Runtime::requester() {
   return *requester_;
 }
 
-VNTRTagManager& Runtime::tagManager() {
+TagManagerCore& Runtime::tagManager() {
   std::call_once(tagManagerOnce_,
-                 [this] { tagManager_ = std::make_unique<VNTRTagManager>(*this); });
+                 [this] { tagManager_ = std::make_unique<TagManagerCore>(*this); });
   return *tagManager_;
 }
 

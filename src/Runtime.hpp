@@ -22,7 +22,7 @@ class UserDefaults;
 class VNTREventFilter;
 class VNTRInfo;
 class VNTRRequester;
-class VNTRTagManager;
+class TagManagerCore;
 struct EventFacts;
 struct GetEventsEnvironment;
 struct SyncEventEnvironment;
@@ -43,6 +43,7 @@ struct RuntimeOptions {
   VNTRReachability::Source reachabilitySource = VNTRReachability::Source::kernel;
   uint32_t initialReachabilityFlags = 0;  // for Source::host
   std::string consentCheckURL;            // default: the production endpoint
+  std::optional<std::string> siteID;      // used when the property list gives none
 };
 
 /// The composition root: owns one of each component and wires them together. Components are
@@ -59,6 +60,9 @@ class Runtime {
   /// the kernel, starting from `initialFlags`. Only before the runtime is first used; false
   /// afterwards.
   static bool useHostReachability(uint32_t initialFlags);
+  /// The site ID the process-wide runtime uses when the property list gives none. Only before
+  /// that runtime is first used, and not empty; false with a log line otherwise.
+  static bool setHostSiteID(const std::string& siteID);
 
   explicit Runtime(RuntimeOptions options);
   /// Stops the components' threads in dependency order; work not yet done is dropped.
@@ -70,7 +74,8 @@ class Runtime {
   const Clock& clock() const { return *clock_; }
   const ProcessPaths& paths() const { return paths_; }
 
-  /// The site ID, read once (its failures are logged once).
+  /// The site ID, read once (its failures are logged once): the property list's, else the one
+  /// given in the options.
   const std::optional<std::string>& siteID();
   VNTRInfo& info();
   UserDefaults& userDefaults() { return *userDefaults_; }
@@ -78,7 +83,7 @@ class Runtime {
   VNTREventFilter& filter();
   VNTRReachability& reachability();
   VNTRRequester& requester();
-  VNTRTagManager& tagManager();
+  TagManagerCore& tagManager();
   HTTPClientProtocol& httpClient() { return *httpClient_; }
   const HTTPGet& consentGet() const { return consentGet_; }
   const std::string& consentCheckURL() const { return consentCheckURL_; }
@@ -100,6 +105,7 @@ class Runtime {
   VNTRReachability::Source reachabilitySource_;
   uint32_t initialReachabilityFlags_;
   std::string consentCheckURL_;
+  std::optional<std::string> hostSiteID_;
 
   std::once_flag siteIDOnce_, infoOnce_, factsOnce_, storeOnce_, filterOnce_, reachabilityOnce_,
       requesterOnce_, tagManagerOnce_, syncEnvironmentOnce_;
@@ -110,7 +116,7 @@ class Runtime {
   std::unique_ptr<VNTREventFilter> filter_;
   std::unique_ptr<VNTRReachability> reachability_;
   std::shared_ptr<VNTRRequester> requester_;
-  std::unique_ptr<VNTRTagManager> tagManager_;
+  std::unique_ptr<TagManagerCore> tagManager_;
   std::unique_ptr<SyncEventEnvironment> syncEnvironment_;
 };
 
