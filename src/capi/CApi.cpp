@@ -1,7 +1,6 @@
 // The C functions: each checks its pointers, then runs its body through one guard.
 #include <vntr/vntr.h>
 
-#include <cmath>
 #include <optional>
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
