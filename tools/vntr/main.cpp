@@ -116,7 +116,8 @@ CLI::App* addFlush(CLI::App& app, FlushOptions& o) {
   flush->footer(
       "Starts the library over the queue, sends a batch at once and the rest at the server's\n"
       "pace (held back while the network is unreachable), and waits until the queue is empty.\n"
-      "Exit status 0 when the queue is empty, 1 when requests are still queued.");
+      "Meant for a queue no running program is sending from. Exit status 0 when the queue is\n"
+      "empty, 1 when requests are still queued.");
   flush->add_option("--dir", o.dir, "Data directory holding the queue (default: the program's)");
   flush->add_option("--server", o.server, "Tag server URL (default: the library's)")
       ->check(kHttpURL);
