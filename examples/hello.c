@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   vntr_set_site_id("12345");
   vntr_set_log_level(VNTR_LOG_INFO);
   vntr_set_server_url(server);
+  vntr_set_retry_backoff(1); /* recommended: a failing server is not hammered */
   vntr_set_delegate(on_statistic, NULL);
   /* What the app's consent component would write; without consent every event is refused. */
   vntr_user_defaults_set_string("IABConsent_SubjectToGDPR", "0");

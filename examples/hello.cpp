@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   auto& preferences = vntr::VNTRPreferences::sharedPreferences();
   preferences.setLogLevel(vntr::VantrelLogLevel::info);
   preferences.setServerURL(server);
+  preferences.setRetryBackoff(true);  // recommended: a failing server is not hammered
 
   // What the app's consent component would write; without consent every event is refused.
   vntr::UserDefaults::standardUserDefaults().setString("IABConsent_SubjectToGDPR", "0");

@@ -22,7 +22,7 @@ from ._library import LIBRARY_ENV, LOG_CALLBACK, STATISTIC_CALLBACK, LibraryNotF
 __all__ = [
     "LibraryNotFoundError", "LIBRARY_ENV", "LOG_FATAL", "LOG_ERROR", "LOG_WARNING", "LOG_INFO",
     "LOG_DEBUG", "LOG_VERBOSE", "Statistic", "version", "fire_events", "set_site_id",
-    "set_server_url", "set_request_timeout", "set_log_level", "log_level", "set_logging_callback",
+    "set_server_url", "set_consent_check_url", "set_retry_backoff", "set_request_timeout", "set_log_level", "log_level", "set_logging_callback",
     "set_delegate", "user_defaults_set_string", "user_defaults_set_double",
     "user_defaults_set_bool", "set_main_bundle_path", "set_documents_directory",
     "set_user_defaults_path", "has_gdpr_consent", "subject_to_gdpr_consent",
@@ -102,6 +102,17 @@ def set_site_id(site_id):
 
 def set_server_url(url):
     _check(_lib.vntr_set_server_url(_text(url, "url")), "set_server_url")
+
+
+def set_consent_check_url(url):
+    """None or "" derives it from the server URL (path "/gdpr/check/json/current")."""
+    _check(_lib.vntr_set_consent_check_url(None if url is None else _text(url, "url")),
+           "set_consent_check_url")
+
+
+def set_retry_backoff(enabled):
+    """Backoff after failed batches (recommended)."""
+    _lib.vntr_set_retry_backoff(1 if enabled else 0)
 
 
 def set_request_timeout(seconds):

@@ -76,6 +76,8 @@ _SIGNATURES = {
     "vntr_set_user_defaults_path": (_c.c_int, [_c.c_char_p]),
     "vntr_use_host_reachability": (_c.c_int, [_c.c_uint32]),
     "vntr_update_reachability_flags": (None, [_c.c_uint32]),
+    "vntr_set_consent_check_url": (_c.c_int, [_c.c_char_p]),
+    "vntr_set_retry_backoff": (None, [_c.c_int]),
 }
 # Present only in libraries that have them; their wrappers say so when they are missing.
 _OPTIONAL_SIGNATURES = {

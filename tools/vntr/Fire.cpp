@@ -60,6 +60,7 @@ std::optional<std::string> configureLibrary(const FireOptions& options,
   }
   if (!options.defaults.empty()) VNTRTagManager::setUserDefaultsPath(options.defaults);
   configureTransport(options);
+  VNTRPreferences::sharedPreferences().setRetryBackoff(options.backoff);
   return std::nullopt;
 }
 
