@@ -3,7 +3,7 @@ PRESET ?= debug
 BUILD_DIR = build/$(PRESET)
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench fuzz asan tsan clean
+.PHONY: all deps configure build test demo package bench fuzz asan tsan clean
 
 all: build
 
@@ -19,8 +19,17 @@ build: configure
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
 
-demo: build
+# The demo needs only the vntr program; `make test` builds the rest.
+demo: configure
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target vntr
 	$(BUILD_DIR)/tools/vntr/vntr demo
+
+# Debian packages of the release build: the runtime library, the development files and the
+# tools, written to build/release/packages/ (install with `sudo apt-get install ./build/release/packages/*.deb`).
+package: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target VNTRTagManager VNTRTagManager_static vntr vntr-sandbox
+	cd build/release && cpack -G DEB -B packages >/dev/null && ls -1 $(CURDIR)/build/release/packages/*.deb
 
 asan:
 	$(MAKE) test PRESET=asan

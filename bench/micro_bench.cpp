@@ -15,11 +15,11 @@
 #include <vector>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRPreferences.hpp>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "Runtime.hpp"
 #include "core/MainQueue.hpp"
 #include "core/ManualExecutor.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "model/Uuid.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "model/VNTRSyncEvent.hpp"

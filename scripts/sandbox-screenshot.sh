@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Starts vntr-sandbox on a free port, sends it two sample batches, and takes a screenshot of its
-# page with headless Chromium (Debian package "chromium").
+# Starts vntr-sandbox on a free port, sends it four sample batches (two answered normally, one
+# with error entries, one with a malformed answer), and takes a screenshot of its page with
+# headless Chromium (Debian package "chromium").
 #
 #   scripts/sandbox-screenshot.sh [path/to/vntr-sandbox] [output.png]
 set -euo pipefail
@@ -42,10 +43,15 @@ post() { curl -fsS -o /dev/null -H 'Content-Type: application/json' --data-binar
 post "[$(event 6F1C2A9E-0C1B-4E43-9A57-0B3D5E1E2F10 open app '{}'),$getevents]"
 post "[$(event 6F1C2A9E-0C1B-4E43-9A57-0B3D5E1E2F10 open app '{}'),$(event \
   9B2D7C11-5A4E-4F21-8C3B-7E6F5D4C3B2A purchase shop '{"price":9.99,"note":"<b>not bold</b>"}'),$getevents]"
+faults() { curl -fsS -o /dev/null -H 'Content-Type: application/json' --data-binary "$1" "$url/api/faults"; }
+faults '{"errorEntries":true}'
+post "[$(event 3A4B5C6D-7E8F-4A1B-9C2D-3E4F5A6B7C8D checkout shop '{"items":2}'),$getevents]"
+faults '{"errorEntries":false,"malformedBody":true}'
+post "[$(event 3A4B5C6D-7E8F-4A1B-9C2D-3E4F5A6B7C8D checkout shop '{"items":2}'),$getevents]"
 
 "$chromium" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
   --disable-background-networking --disable-component-update --disable-sync \
-  --user-data-dir="$work/profile" --screenshot="$output" --window-size=1200,800 "$url/" \
+  --user-data-dir="$work/profile" --screenshot="$output" --window-size=1400,1000 "$url/" \
   >"$work/chromium.log" 2>&1 || { cat "$work/chromium.log" >&2; exit 1; }
 [[ -s $output ]] || { echo "sandbox-screenshot: no screenshot written" >&2; exit 1; }
 echo "screenshot of $url/ written to $output"

@@ -4,12 +4,13 @@
 
 #include <cstdlib>
 #include <vntr/UserDefaults.hpp>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "core/Extensions.hpp"
 #include "core/MainQueue.hpp"
 #include "core/SerialExecutor.hpp"
+#include "core/VNTRDebug.hpp"
 #include "core/VNTRInfo.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "facade/VNTRTagManagerSiteID.hpp"
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTRGetEvents.hpp"
@@ -26,6 +27,7 @@ struct SharedRuntimeSettings {
   std::mutex mutex;
   bool created = false;                      // guarded by mutex
   std::optional<uint32_t> hostReachability;  // guarded by mutex
+  std::optional<std::string> hostSiteID;     // guarded by mutex
 };
 
 SharedRuntimeSettings& sharedSettings() {
@@ -44,6 +46,7 @@ Runtime& Runtime::shared() {
       options.reachabilitySource = VNTRReachability::Source::host;
       options.initialReachabilityFlags = *settings.hostReachability;
     }
+    options.siteID = settings.hostSiteID;
     auto* const created = new Runtime(std::move(options));  // never destroyed
     created->processWide_ = true;
     // Registered after the transport's own exit handler (made by the constructor), so it runs
@@ -59,6 +62,22 @@ bool Runtime::useHostReachability(uint32_t initialFlags) {
   std::scoped_lock lock(settings.mutex);
   if (settings.created) return false;
   settings.hostReachability = initialFlags;
+  return true;
+}
+
+bool Runtime::setHostSiteID(const std::string& siteID) {
+  if (siteID.empty() || !isValidUTF8(siteID)) {
+    Debug(VantrelLogLevel::error, "setSiteID: the site ID must be non-empty UTF-8 text; ignored.");
+    return false;
+  }
+  auto& settings = sharedSettings();
+  std::scoped_lock lock(settings.mutex);
+  if (settings.created) {
+    Debug(VantrelLogLevel::error,
+          "setSiteID: called after the library's first use; the site ID stays as it is.");
+    return false;
+  }
+  settings.hostSiteID = siteID;
   return true;
 }
 
@@ -91,7 +110,8 @@ Runtime::Runtime(RuntimeOptions options)
       reachabilitySource_(options.reachabilitySource),
       initialReachabilityFlags_(options.initialReachabilityFlags),
       consentCheckURL_(std::move(options.consentCheckURL)),
-      retryBackoff_(std::move(options.retryBackoff)) {
+      retryBackoff_(std::move(options.retryBackoff)),
+      hostSiteID_(std::move(options.siteID)) {
   if (!retryBackoff_) {
     retryBackoff_ = [] { return VNTRPreferences::sharedPreferences().retryBackoff(); };
   }
@@ -133,7 +153,13 @@ std::string Runtime::consentCheckURL() const {
 }
 
 const std::optional<std::string>& Runtime::siteID() {
-  std::call_once(siteIDOnce_, [this] { siteID_ = loadSiteID(paths_.mainBundleDirectory); });
+  std::call_once(siteIDOnce_, [this] {
+    siteID_ = loadSiteID(paths_.mainBundleDirectory);
+    if (!siteID_ && hostSiteID_) {
+      Debug(VantrelLogLevel::info, "Using the site ID set by the application.");
+      siteID_ = hostSiteID_;
+    }
+  });
   return siteID_;
 }
 
@@ -225,9 +251,9 @@ VNTRRequester& Runtime::requester() {
   return *requester_;
 }
 
-VNTRTagManager& Runtime::tagManager() {
+TagManagerCore& Runtime::tagManager() {
   std::call_once(tagManagerOnce_,
-                 [this] { tagManager_ = std::make_unique<VNTRTagManager>(*this); });
+                 [this] { tagManager_ = std::make_unique<TagManagerCore>(*this); });
   return *tagManager_;
 }
 

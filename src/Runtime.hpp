@@ -27,7 +27,7 @@ class UserDefaults;
 class VNTREventFilter;
 class VNTRInfo;
 class VNTRRequester;
-class VNTRTagManager;
+class TagManagerCore;
 struct EventFacts;
 struct GetEventsEnvironment;
 struct SyncEventEnvironment;
@@ -49,6 +49,7 @@ struct RuntimeOptions {
   uint32_t initialReachabilityFlags = 0;  // for Source::host
   std::string consentCheckURL;            // default: the preferences' (read at each check)
   std::function<bool()> retryBackoff;     // default: the preferences' (read after each reply)
+  std::optional<std::string> siteID;      // used when the property list gives none
 };
 
 /// The composition root: owns one of each component and wires them together. Components are
@@ -62,6 +63,9 @@ class Runtime {
   /// the kernel, starting from `initialFlags`. Only before the runtime is first used; false
   /// afterwards.
   static bool useHostReachability(uint32_t initialFlags);
+  /// The site ID the process-wide runtime uses when the property list gives none. Only before
+  /// that runtime is first used, and not empty; false with a log line otherwise.
+  static bool setHostSiteID(const std::string& siteID);
 
   /// Logged for every call refused after `shutdown`.
   static constexpr const char* kShutDownLine =
@@ -79,7 +83,8 @@ class Runtime {
   const Clock& clock() const { return *clock_; }
   const ProcessPaths& paths() const { return paths_; }
 
-  /// The site ID, read once (its failures are logged once).
+  /// The site ID, read once (its failures are logged once): the property list's, else the one
+  /// given in the options.
   const std::optional<std::string>& siteID();
   VNTRInfo& info();
   UserDefaults& userDefaults() { return *userDefaults_; }
@@ -87,7 +92,7 @@ class Runtime {
   VNTREventFilter& filter();
   VNTRReachability& reachability();
   VNTRRequester& requester();
-  VNTRTagManager& tagManager();
+  TagManagerCore& tagManager();
   HTTPClientProtocol& httpClient() { return *httpClient_; }
   const HTTPGet& consentGet() const { return consentGet_; }
   /// The consent-check URL as of now: the one given in the options, else the preferences' own,
@@ -149,6 +154,7 @@ class Runtime {
   uint32_t initialReachabilityFlags_;
   std::string consentCheckURL_;
   std::function<bool()> retryBackoff_;
+  std::optional<std::string> hostSiteID_;
 
   std::once_flag siteIDOnce_, infoOnce_, factsOnce_, storeOnce_, filterOnce_, reachabilityOnce_,
       requesterOnce_, tagManagerOnce_, syncEnvironmentOnce_;
@@ -159,7 +165,7 @@ class Runtime {
   std::unique_ptr<VNTREventFilter> filter_;
   std::unique_ptr<VNTRReachability> reachability_;
   std::shared_ptr<VNTRRequester> requester_;
-  std::unique_ptr<VNTRTagManager> tagManager_;
+  std::unique_ptr<TagManagerCore> tagManager_;
   std::unique_ptr<SyncEventEnvironment> syncEnvironment_;
 };
 

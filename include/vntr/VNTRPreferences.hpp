@@ -119,8 +119,9 @@ class VNTR_API VNTRPreferences {
   std::string serverURL() const;
   void setServerURL(std::string url);
 
-  /// Seconds; read by the transport at each post.
+  /// Seconds; read by the transport at each post (which caps it at one hour).
   double requestTimeout() const;
+  /// Values that are not positive finite numbers are refused with a log line.
   void setRequestTimeout(double seconds);
 
   /// The consent-check URL. Empty (the default) means the one that belongs to `serverURL`: same

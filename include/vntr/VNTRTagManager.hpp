@@ -12,10 +12,6 @@
 
 namespace vntr {
 
-class Runtime;
-class GdprConsent;
-enum class VNTREventPriority : int64_t;
-
 /// The library's entry point. The host calls `fireEvents`; everything else happens on a single
 /// process-wide instance created by the first call.
 ///
@@ -57,6 +53,10 @@ class VNTR_API VNTRTagManager {
   static bool setMainBundlePath(const std::string& directory);
   static bool setDocumentsDirectory(const std::string& directory);
   static bool setUserDefaultsPath(const std::string& file);
+  /// The site ID to use when "VantrelTagManagerSDKInfo.plist" gives none (no file, a file that
+  /// is not a dictionary of strings, or no "VantrelSiteID" key); the property list's own lines
+  /// are still logged. False, with a log line, for an empty ID or after first use.
+  static bool setSiteID(const std::string& siteID);
   /// Installs the host's own main queue (for example an adapter over its UI loop).
   static bool setMainQueue(std::shared_ptr<Executor> executor);
   /// For hosts where the kernel's routes are not visible (or not meaningful): the host reports
@@ -68,20 +68,11 @@ class VNTR_API VNTRTagManager {
   /// Ignored when the kernel is the source.
   static void updateReachabilityFlags(uint32_t flags);
 
-  /// Library-internal: a tag manager over an explicit set of components (tests build their own).
-  explicit VNTRTagManager(Runtime& runtime);
-  ~VNTRTagManager();
   VNTRTagManager(const VNTRTagManager&) = delete;
   VNTRTagManager& operator=(const VNTRTagManager&) = delete;
 
-  /// Library-internal intake: the checks, queueing with `priority`, and, when `startRequester`,
-  /// starting the batch sender.
-  void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
-                  const nlohmann::json& eventData, VNTREventPriority priority, bool startRequester);
-
  private:
-  Runtime& runtime_;
-  std::shared_ptr<GdprConsent> consent_;
+  VNTRTagManager() = default;
 };
 
 }  // namespace vntr

@@ -36,11 +36,15 @@ enum {
 };
 
 /* Wraps VNTRTagManager::fireEvents(events, eventGroup, eventData). `events` holds `count`
- * strings; `event_data_json` is a JSON object as text, NULL meaning an empty object. Text that
- * is not a JSON object is dropped with the invalid-event-data log line. Returns
- * VNTR_INVALID_ARGUMENT for NULL pointers or strings that are not UTF-8, VNTR_SHUT_DOWN after
- * vntr_shutdown; otherwise VNTR_OK, whether or not the call was admitted (rejections are only
- * logged). */
+ * strings; `event_data_json` is a JSON object as text, NULL meaning an empty object.
+ * The call passes the library's admission checks in their order (site ID, consent, event group,
+ * events, qualified events); the first that fails logs its line and drops the call. Event data
+ * that is not a JSON object is checked after them: the call is dropped with the
+ * invalid-event-data line, if no check failed before.
+ * Returns VNTR_INVALID_ARGUMENT when an argument is wrong whatever the library's state: NULL
+ * pointers or strings that are not UTF-8 (one log line, nothing else runs), or event data that
+ * is not a JSON object; VNTR_SHUT_DOWN after vntr_shutdown. Otherwise VNTR_OK, whether or not the
+ * call was admitted (rejections are only logged). */
 VNTR_C_API vntr_status_t vntr_fire_events(const char* const* events, size_t count,
                                           const char* event_group, const char* event_data_json);
 
@@ -87,7 +91,7 @@ VNTR_C_API void vntr_set_callbacks_at_exit(int enabled);
 /* Wraps VNTRPreferences::setServerURL. */
 VNTR_C_API vntr_status_t vntr_set_server_url(const char* url);
 /* Wraps VNTRPreferences::setRequestTimeout (seconds); values that are not positive finite
- * numbers are ignored. */
+ * numbers are refused with a log line, as in C++. */
 VNTR_C_API void vntr_set_request_timeout(double seconds);
 
 /* Wraps UserDefaults::setString; a NULL value removes the key (removeObjectForKey). Any of these
@@ -117,6 +121,14 @@ VNTR_C_API void vntr_update_reachability_flags(uint32_t flags);
 VNTR_C_API vntr_status_t vntr_set_consent_check_url(const char* url);
 /* Wraps VNTRPreferences::setRetryBackoff: non-zero turns backoff after failed batches on. */
 VNTR_C_API void vntr_set_retry_backoff(int enabled);
+
+/* Wraps VNTRTagManager::setSiteID: the site ID used when VantrelTagManagerSDKInfo.plist gives
+ * none. Only before the library's first use; VNTR_INVALID_ARGUMENT (with a log line) for NULL,
+ * empty or non-UTF-8 text, or afterwards. */
+VNTR_C_API vntr_status_t vntr_set_site_id(const char* site_id);
+
+/* The library's version, "major.minor.patch"; a static string. */
+VNTR_C_API const char* vntr_version(void);
 
 VNTR_C_API extern const double VNTRTagManagerVersionNumber;
 VNTR_C_API extern const unsigned char VNTRTagManagerVersionString[];

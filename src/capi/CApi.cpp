@@ -2,7 +2,7 @@
 #include <cxxabi.h>
 #include <vntr/vntr.h>
 
-#include <cmath>
+#include <optional>
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
@@ -35,42 +35,50 @@ class CDelegate final : public vntr::VNTRTagManagerDelegate {
   void* context_;
 };
 
+// The event names, or nothing when the array or a name is NULL or not UTF-8.
+std::optional<std::vector<std::string>> eventNames(const char* const* events, size_t count) {
+  if (events == nullptr && count > 0) return std::nullopt;
+  std::vector<std::string> names;
+  names.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    if (!validText(events[i])) return std::nullopt;
+    names.emplace_back(events[i]);
+  }
+  return names;
+}
+
+// NULL is an empty object; text that does not parse (or nests too deeply) is discarded.
+nlohmann::json parseEventData(const char* text) {
+  if (text == nullptr) return nlohmann::json::object();
+  const std::string_view view(text);
+  if (!vntr::jsonNestingWithin(view, kMaxEventDataDepth)) {
+    return nlohmann::json(nlohmann::json::value_t::discarded);
+  }
+  return nlohmann::json::parse(view, nullptr, /*allow_exceptions=*/false);
+}
+
 }  // namespace
 
 extern "C" {
 
 vntr_status_t vntr_fire_events(const char* const* events, size_t count, const char* event_group,
                                const char* event_data_json) {
-  if (event_group == nullptr || (events == nullptr && count > 0)) return VNTR_INVALID_ARGUMENT;
   return guarded([&] {
     if (vntr::Runtime::shared().isShutDown()) {
       vntr::Debug(vntr::VantrelLogLevel::error, vntr::Runtime::kShutDownLine);
       return VNTR_SHUT_DOWN;
     }
-    std::vector<std::string> names;
-    names.reserve(count);
-    for (size_t i = 0; i < count; ++i) {
-      if (events[i] == nullptr || !vntr::isValidUTF8(events[i])) return VNTR_INVALID_ARGUMENT;
-      names.emplace_back(events[i]);
+    const auto names = eventNames(events, count);
+    if (!names || !validText(event_group)) {
+      vntr::Debug(vntr::VantrelLogLevel::error,
+                  "vntr_fire_events: NULL or non-UTF-8 event names or event group; call dropped.");
+      return VNTR_INVALID_ARGUMENT;
     }
-    if (!vntr::isValidUTF8(event_group)) return VNTR_INVALID_ARGUMENT;
-    nlohmann::json data = nlohmann::json::object();
-    if (event_data_json != nullptr) {
-      const std::string_view text(event_data_json);
-      if (vntr::jsonNestingWithin(text, kMaxEventDataDepth)) {
-        data = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-      } else {
-        data = nlohmann::json(nlohmann::json::value_t::discarded);
-      }
-      if (data.is_discarded() || !data.is_object()) {
-        vntr::Debug(vntr::VantrelLogLevel::error,
-                    "Sync Event: Invalid event Data provided.  Ensure object is valid using "
-                    "\"isValidJSONObject\".");
-        return VNTR_INVALID_ARGUMENT;
-      }
-    }
-    vntr::VNTRTagManager::fireEvents(names, event_group, data);
-    return VNTR_OK;
+    const nlohmann::json data = parseEventData(event_data_json);
+    // Text that is not a JSON object still goes through the intake, so the admission checks log
+    // in their usual order; the event is dropped where the data is checked, with its own line.
+    vntr::VNTRTagManager::fireEvents(*names, event_group, data);
+    return data.is_object() ? VNTR_OK : VNTR_INVALID_ARGUMENT;
   });
 }
 
@@ -173,9 +181,7 @@ vntr_status_t vntr_set_server_url(const char* url) {
 }
 
 void vntr_set_request_timeout(double seconds) {
-  if (std::isfinite(seconds) && seconds > 0) {
-    VNTRPreferences::sharedPreferences().setRequestTimeout(seconds);
-  }
+  VNTRPreferences::sharedPreferences().setRequestTimeout(seconds);
 }
 
 vntr_status_t vntr_use_host_reachability(uint32_t initial_flags) {

@@ -1,6 +1,8 @@
+#include <cmath>
 #include <vntr/VNTRPreferences.hpp>
 
 #include "core/HostCallbacks.hpp"
+#include "core/VNTRDebug.hpp"
 
 namespace vntr {
 
@@ -109,6 +111,12 @@ double VNTRPreferences::requestTimeout() const {
 }
 
 void VNTRPreferences::setRequestTimeout(double seconds) {
+  if (!std::isfinite(seconds) || seconds <= 0) {
+    Debug(VantrelLogLevel::error,
+          "setRequestTimeout: the timeout must be a positive number of seconds; "
+          "the previous value stays.");
+    return;
+  }
   requestTimeout_.store(seconds, std::memory_order_relaxed);
 }
 

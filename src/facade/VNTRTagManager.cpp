@@ -7,6 +7,7 @@
 #include "core/ProcessSettings.hpp"
 #include "core/VNTRDebug.hpp"
 #include "facade/GdprConsent.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "model/VNTRSyncEvent.hpp"
@@ -17,7 +18,8 @@ namespace vntr {
 void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData) {
   try {
-    sharedInstance().fireEvents(events, eventGroup, eventData, VNTREventPriority::high, true);
+    Runtime::shared().tagManager().fireEvents(events, eventGroup, eventData,
+                                              VNTREventPriority::high, true);
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {
@@ -25,7 +27,11 @@ void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
   }
 }
 
-VNTRTagManager& VNTRTagManager::sharedInstance() { return Runtime::shared().tagManager(); }
+VNTRTagManager& VNTRTagManager::sharedInstance() {
+  Runtime::shared().tagManager();  // decides consent on first use
+  static VNTRTagManager instance;  // a handle only: the state lives in the runtime's core
+  return instance;
+}
 
 bool VNTRTagManager::flush(std::chrono::milliseconds timeout) {
   try {
@@ -47,7 +53,15 @@ bool VNTRTagManager::shutdown(std::chrono::milliseconds timeout) {
   }
 }
 
-VNTRTagManager::VNTRTagManager(Runtime& runtime)
+bool VNTRTagManager::subjectToGdprConsent() const {
+  return Runtime::shared().tagManager().subjectToGdprConsent();
+}
+
+bool VNTRTagManager::hasGdprConsent() const {
+  return Runtime::shared().tagManager().hasGdprConsent();
+}
+
+TagManagerCore::TagManagerCore(Runtime& runtime)
     : runtime_(runtime),
       consent_(std::make_shared<GdprConsent>(
           runtime.userDefaults(), runtime.consentGet(),
@@ -57,11 +71,11 @@ VNTRTagManager::VNTRTagManager(Runtime& runtime)
   consent_->start();
 }
 
-VNTRTagManager::~VNTRTagManager() = default;
+TagManagerCore::~TagManagerCore() = default;
 
-bool VNTRTagManager::subjectToGdprConsent() const { return consent_->subjectToGdprConsent(); }
+bool TagManagerCore::subjectToGdprConsent() const { return consent_->subjectToGdprConsent(); }
 
-bool VNTRTagManager::hasGdprConsent() const { return consent_->hasGdprConsent(); }
+bool TagManagerCore::hasGdprConsent() const { return consent_->hasGdprConsent(); }
 
 bool VNTRTagManager::setMainBundlePath(const std::string& directory) {
   return vntr::setMainBundlePath(directory);
@@ -74,6 +88,8 @@ bool VNTRTagManager::setDocumentsDirectory(const std::string& directory) {
 bool VNTRTagManager::setUserDefaultsPath(const std::string& file) {
   return vntr::setUserDefaultsPath(file);
 }
+
+bool VNTRTagManager::setSiteID(const std::string& siteID) { return Runtime::setHostSiteID(siteID); }
 
 bool VNTRTagManager::setMainQueue(std::shared_ptr<Executor> executor) {
   return installMainQueue(std::move(executor));
@@ -99,7 +115,7 @@ void VNTRTagManager::updateReachabilityFlags(uint32_t flags) {
   }
 }
 
-void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
+void TagManagerCore::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority, bool startRequester) {
   if (runtime_.isShutDown()) {

@@ -1,19 +1,37 @@
 #!/usr/bin/env bash
-# Installs the build tree into a scratch prefix, then builds two consumers against it: a CMake
-# project through find_package, and a C program through pkg-config.
+# The samples in examples/ built as users build them: with CMake against the installed package
+# and against the build tree, and the C sample through pkg-config with -Wall -Wextra -Werror.
+# Each runs without LD_LIBRARY_PATH (its rpath finds the library) against port 9 on loopback,
+# which refuses, so the event stays queued in the scratch directory.
 set -euo pipefail
-build_dir=$1
-source_dir=$(cd "$(dirname "$0")" && pwd)
+build_dir=$(cd "$1" && pwd)
+examples=$(cd "$(dirname "$0")/../../examples" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 export XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config"
-cmake -S "$source_dir/project" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/consumer" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib/x86_64-linux-gnu" "$work/consumer/consumer"
-pcdir=$(dirname "$(find "$work/prefix" -name VNTRTagManager.pc | head -1)")
-export PKG_CONFIG_PATH="$pcdir"
-sed -i "s|^prefix=.*|prefix=$work/prefix|" "$pcdir/VNTRTagManager.pc"
-cc -std=c11 "$source_dir/project/pkgconfig_main.c" -o "$work/pc_consumer" \
-  $(pkg-config --cflags --libs VNTRTagManager)
-LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib/x86_64-linux-gnu" "$work/pc_consumer"
+server=http://127.0.0.1:9/tags
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+
+for from in installed build-tree; do
+  if [ "$from" = installed ]; then where=(-DCMAKE_PREFIX_PATH="$work/prefix")
+  else where=(-DVNTRTagManager_DIR="$build_dir"); fi
+  cmake -S "$examples" -B "$work/$from" -G Ninja -DCMAKE_COMPILE_WARNING_AS_ERROR=ON \
+    "${where[@]}" >/dev/null
+  cmake --build "$work/$from" >/dev/null
+  "$work/$from/hello_cpp" "$server" 2>/dev/null | grep -q "event stored"
+  "$work/$from/hello_c" "$server" 2>/dev/null | grep -q "event stored"
+  # The build-tree package must link the build tree's library, never an installed one.
+  if [ "$from" = build-tree ]; then
+    ldd "$work/$from/hello_c" | grep -q "$build_dir/libVNTRTagManager.so"
+  fi
+done
+
+# pkg-config from an installed tree moved elsewhere: the .pc file finds its own prefix.
+mv "$work/prefix" "$work/moved"
+PKG_CONFIG_PATH=$(dirname "$(find "$work/moved" -name VNTRTagManager.pc | head -1)")
+export PKG_CONFIG_PATH
+cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$examples/hello.c" -o "$work/hello_pc" \
+  $(pkg-config --cflags --libs VNTRTagManager) \
+  -Wl,-rpath,"$(pkg-config --variable=libdir VNTRTagManager)"
+"$work/hello_pc" "$server" 2>/dev/null | grep -q "event stored"
+echo "examples built and run: CMake (installed, build tree), pkg-config (moved prefix)"

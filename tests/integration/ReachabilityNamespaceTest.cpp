@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <string>
 #include <vector>
-#include <vntr/VNTRTagManager.hpp>
 
+#include "facade/TagManagerCore.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"

@@ -334,6 +334,30 @@ TEST(SandboxServer, pageListsBatchesWithEveryTextEscaped) {
   EXPECT_NE(fragment.body.find("&lt;script&gt;"), std::string::npos);
 }
 
+TEST(SandboxServer, pageShowsWhatTheClientCouldReadOfEachAnswer) {
+  const struct {
+    Faults faults;
+    std::string answerCell;
+  } cases[] = {
+      {{}, "<td class=\"answer\">result</td>"},
+      {{.errorEntries = true}, "<td class=\"answer\">error: 500 Injected error (sandbox)</td>"},
+      {{.statusCode = 503}, "<td class=\"answer\">result</td>"},  // the body decides
+      {{.malformedBody = true}, "<td class=\"answer\">unread (malformed body)</td>"},
+      {{.emptyBody = true}, "<td class=\"answer\">unread (empty body)</td>"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answerCell);
+    Running r;
+    r.server.setFaults(c.faults);
+    json event = syncEvent("A");
+    event["params"]["siteId"] = "site-77";
+    postBatch(r.server, {event});
+    const std::string page = call(r.server, "GET", "/fragment").body;
+    EXPECT_NE(page.find(c.answerCell), std::string::npos) << page;
+    EXPECT_NE(page.find("<td>2024-01-01 12:00:00 UTC</td><td>site-77</td>"), std::string::npos);
+  }
+}
+
 TEST(SandboxServer, countsConcurrentBatchesFromManyClients) {
   Running r;
   constexpr int kThreads = 4;

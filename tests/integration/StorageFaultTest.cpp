@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <vntr/VNTRTagManager.hpp>
 
+#include "facade/TagManagerCore.hpp"
 #include "fault/FaultSupport.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"

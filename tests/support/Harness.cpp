@@ -127,6 +127,7 @@ Harness::Harness(HarnessOptions options)
   runtimeOptions.userDefaults = defaults;
   runtimeOptions.reachabilitySource = options.reachabilitySource;
   runtimeOptions.initialReachabilityFlags = options.reachabilityFlags;
+  runtimeOptions.siteID = options.hostSiteId;
   runtime = std::make_unique<Runtime>(std::move(runtimeOptions));
 }
 

@@ -74,6 +74,8 @@ class RecordingDelegate final : public VNTRTagManagerDelegate {
 
 struct HarnessOptions {
   bool siteId = true;
+  /// The host's site ID, used when the plist gives none.
+  std::optional<std::string> hostSiteId = std::nullopt;
   bool consent = true;
   uint32_t reachabilityFlags = 0x2;  // the host-reported starting state
   /// The kernel source starts the real route monitor (for tests in a network namespace).

@@ -1,9 +1,9 @@
 #include "support/LiveRuntime.hpp"
 
 #include <fstream>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "core/SerialExecutor.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"

@@ -4,8 +4,8 @@
 
 #include <fstream>
 #include <string>
-#include <vntr/VNTRTagManager.hpp>
 
+#include "facade/TagManagerCore.hpp"
 #include "facade/VNTRTagManagerSiteID.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "model/VNTRSyncEvent.hpp"

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <vntr/VNTRTagManager.hpp>
-
+#include "facade/TagManagerCore.hpp"
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "support/Harness.hpp"

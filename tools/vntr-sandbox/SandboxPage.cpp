@@ -42,6 +42,22 @@ std::string cell(const json& value, const char* cls = nullptr) {
   return open + escapeHTML(shortened(text(value))) + "</td>";
 }
 
+// "20261123054900" (UTC, as requests carry it) -> "2026-11-23 05:49:00 UTC"; anything else as
+// it came.
+std::string eventTime(const json& value) {
+  const std::string raw = text(value);
+  const bool digits = raw.size() == 14 && raw.find_first_not_of("0123456789") == std::string::npos;
+  if (!digits) return raw;
+  return raw.substr(0, 4) + "-" + raw.substr(4, 2) + "-" + raw.substr(6, 2) + " " +
+         raw.substr(8, 2) + ":" + raw.substr(10, 2) + ":" + raw.substr(12, 2) + " UTC";
+}
+
+// The answer cell: what the entry was, with the error's text when it was one.
+std::string answerText(const json& member) {
+  const std::string error = text(field(member, "error"));
+  return text(field(member, "answer")) + (error.empty() ? "" : ": " + error);
+}
+
 std::string eventNames(const json& events) {
   if (!events.is_array()) return text(events);
   std::string joined;
@@ -88,16 +104,17 @@ std::string batchSection(const json& batch) {
     html += ", HTTP " + escapeHTML(text(field(batch, "status")));
   html +=
       "</small></h3><table><tr><th>method</th><th>id</th><th>answer</th><th>events</th>"
-      "<th>eventGroup</th><th>eventData</th><th>eventTime</th></tr>";
+      "<th>eventGroup</th><th>eventData</th><th>eventTime</th><th>siteId</th></tr>";
   for (const json& m : members) {
     const bool repeat = !field(m, "arrival").is_null() && field(m, "arrival") != 1;
     html += repeat ? "<tr class=\"dup\">" : "<tr>";
     html += cell(!field(m, "invalid").is_null() ? field(m, "invalid") : field(m, "method"));
     std::string id = text(field(m, "id"));
     if (repeat) id += " (arrival " + text(field(m, "arrival")) + ")";
-    html += cell(id, "id") + cell(field(m, "answer"), "answer");
+    html += cell(id, "id") + cell(answerText(m), "answer");
     html += cell(eventNames(field(m, "events"))) + cell(field(m, "eventGroup"));
-    html += cell(field(m, "eventData"), "data") + cell(field(m, "eventTime"));
+    html += cell(field(m, "eventData"), "data") + cell(eventTime(field(m, "eventTime")));
+    html += cell(field(m, "siteId"));
     html += "</tr>";
   }
   return html + "</table></section>";

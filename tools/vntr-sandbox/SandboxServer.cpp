@@ -257,6 +257,20 @@ struct SandboxServer::Impl {
     return c;
   }
 
+  // The client never reads the entries of an answer that is not JSON, has no body or never
+  // came (the status code does not matter to it): its rows say so instead of "result" or "error".
+  static void markUnread(json& members, const Faults& f) {
+    const std::string why = f.closeConnection ? "connection closed"
+                            : f.emptyBody     ? "empty body"
+                                              : "malformed body";
+    for (json& member : members) {
+      const auto answer = member.find("answer");
+      if (answer != member.end() && (*answer == "result" || *answer == "error")) {
+        member["answer"] = "unread (" + why + ")";
+      }
+    }
+  }
+
   // Answers one element and records it in `member`; returns whether a syncEvent got an entry.
   bool answerRequest(const json& element, json& member, json& answer) {
     if (!element.is_object() || !member["id"].is_string()) {
@@ -274,6 +288,7 @@ struct SandboxServer::Impl {
     if (method != "syncEvent") {
       answer.push_back({{"id", id}, {"error", {{"code", 400}, {"message", "unknown method"}}}});
       member["answer"] = "error";
+      member["error"] = "400 unknown method";
       return false;
     }
     const int64_t arrival = ++arrivals[id];
@@ -294,6 +309,7 @@ struct SandboxServer::Impl {
       answer.push_back(
           {{"id", id}, {"error", {{"code", 500}, {"message", "Injected error (sandbox)"}}}});
       member["answer"] = "error";
+      member["error"] = "500 Injected error (sandbox)";
     } else {
       answer.push_back({{"id", id}, {"result", {{"status", "ok"}}}});
       member["answer"] = "result";
@@ -314,6 +330,7 @@ struct SandboxServer::Impl {
     }
     const Faults& f = plan.faults;
     const bool delivered = !f.malformedBody && !f.emptyBody && !f.closeConnection;
+    if (!delivered) markUnread(members, f);
     ++stats.batches;
     stats.requests += static_cast<int64_t>(body.size());
     stats.bytesReceived += static_cast<int64_t>(bytes);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,7 +44,21 @@ int runFire(const FireOptions& options);
 struct QueueOptions {
   std::string dir;  ///< Documents directory; empty: the process default.
   bool json = false;
+  bool list = false;    ///< Every request with its payload, oldest first.
+  int64_t limit = 100;  ///< At most this many with `list`.
 };
+
+struct FlushOptions {
+  std::string dir;     ///< Documents directory; empty: the process default.
+  std::string server;  ///< Empty: the library's default server URL.
+  double waitSeconds = 10;
+  bool assumeOnline = false;
+  bool verbose = false;
+};
+
+/// Starts the library over the queue in a documents directory, sends what it holds now and
+/// waits until the queue is empty.
+int runFlush(const FlushOptions& options);
 
 /// Reports what the request queue in a documents directory holds, reading it without changing it.
 int runQueue(const QueueOptions& options);

@@ -1,4 +1,5 @@
-// vntr fire: one call through the public entry point, against any tag server.
+// vntr fire: one call through the public entry point, against any tag server; vntr flush: what
+// the queue holds now, sent at once.
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -11,6 +12,7 @@
 #include "Runtime.hpp"
 #include "core/MainQueue.hpp"
 #include "store/EventDataManager.hpp"
+#include "transport/VNTRRequester.hpp"
 
 namespace vntr::cli {
 
@@ -37,8 +39,17 @@ std::string joined(const std::vector<std::string>& names) {
   return out;
 }
 
-// Applies the path and network settings; they only work before the library's first use, which
+// The settings fire and flush share; they only work before the library's first use, which
 // nothing in this process has made yet.
+template <class Options>
+void configureTransport(const Options& options) {
+  if (!options.dir.empty()) VNTRTagManager::setDocumentsDirectory(options.dir);
+  if (options.assumeOnline) VNTRTagManager::useHostReachability(VNTRReachability::kReachable);
+  auto& preferences = VNTRPreferences::sharedPreferences();
+  preferences.setLogLevel(options.verbose ? VantrelLogLevel::verbose : VantrelLogLevel::warning);
+  if (!options.server.empty()) preferences.setServerURL(options.server);
+}
+
 std::optional<std::string> configureLibrary(const FireOptions& options,
                                             const std::filesystem::path& siteBundle) {
   if (!siteBundle.empty()) {
@@ -47,14 +58,37 @@ std::optional<std::string> configureLibrary(const FireOptions& options,
   } else if (!options.bundle.empty()) {
     VNTRTagManager::setMainBundlePath(options.bundle);
   }
-  if (!options.dir.empty()) VNTRTagManager::setDocumentsDirectory(options.dir);
   if (!options.defaults.empty()) VNTRTagManager::setUserDefaultsPath(options.defaults);
-  if (options.assumeOnline) VNTRTagManager::useHostReachability(VNTRReachability::kReachable);
-  auto& preferences = VNTRPreferences::sharedPreferences();
-  preferences.setLogLevel(options.verbose ? VantrelLogLevel::verbose : VantrelLogLevel::warning);
-  if (!options.server.empty()) preferences.setServerURL(options.server);
-  preferences.setRetryBackoff(options.backoff);
+  configureTransport(options);
+  VNTRPreferences::sharedPreferences().setRetryBackoff(options.backoff);
   return std::nullopt;
+}
+
+// Waits until the queue is empty or `waitSeconds` have passed since `start`, then says which;
+// the exit status.
+int reportDelivery(Clock::time_point start, double waitSeconds, int64_t queued,
+                   const CountingDelegate& delegate) {
+  const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
+                                    std::chrono::duration<double>(waitSeconds));
+  while (queued > 0 && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // polling the queue's size
+    queued = queuedRequests();
+  }
+  flushLogLines();
+  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  const auto batches = delegate.total(VNTRStatistic::batchRequestSent);
+  const auto failed = delegate.total(VNTRStatistic::requestFailed);
+  if (queued == 0) {
+    std::printf("delivered: the queue is empty after %.1f s (%lld batch%s sent)\n", elapsed,
+                static_cast<long long>(batches), batches == 1 ? "" : "es");
+    return kExitOk;
+  }
+  std::printf(
+      "not delivered: %lld request%s still queued after %.1f s (%lld batch%s sent, %lld "
+      "failed); they go out with a later run\n",
+      static_cast<long long>(queued), queued == 1 ? "" : "s", elapsed,
+      static_cast<long long>(batches), batches == 1 ? "" : "es", static_cast<long long>(failed));
+  return kExitFailed;
 }
 
 }  // namespace
@@ -100,27 +134,28 @@ int runFire(const FireOptions& options) {
   std::printf("sending to %s\n", VNTRPreferences::sharedPreferences().serverURL().c_str());
   std::fflush(stdout);
 
-  const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
-                                    std::chrono::duration<double>(options.waitSeconds));
-  while (queued > 0 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // polling the queue's size
-    queued = queuedRequests();
-  }
+  return reportDelivery(start, options.waitSeconds, queued, *delegate);
+}
+
+int runFlush(const FlushOptions& options) {
+  configureTransport(options);
+  auto delegate = std::make_shared<CountingDelegate>();
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
+  const auto start = Clock::now();
+  const int64_t queued = queuedRequests();  // opens the queue (and trims it, as every start does)
+  const auto file = Runtime::shared().paths().documentsDirectory / "requests_Data.sqlite";
   flushLogLines();
-  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-  const auto batches = delegate->total(VNTRStatistic::batchRequestSent);
-  const auto failed = delegate->total(VNTRStatistic::requestFailed);
   if (queued == 0) {
-    std::printf("delivered: the queue is empty after %.1f s (%lld batch%s sent)\n", elapsed,
-                static_cast<long long>(batches), batches == 1 ? "" : "es");
+    std::printf("nothing to send: the queue in %s is empty\n", file.c_str());
     return kExitOk;
   }
-  std::printf(
-      "not delivered: %lld request%s still queued after %.1f s (%lld batch%s sent, %lld "
-      "failed); they go out with a later run\n",
-      static_cast<long long>(queued), queued == 1 ? "" : "s", elapsed,
-      static_cast<long long>(batches), batches == 1 ? "" : "es", static_cast<long long>(failed));
-  return kExitFailed;
+  std::printf("sending %lld queued request%s from %s to %s\n", static_cast<long long>(queued),
+              queued == 1 ? "" : "s", file.c_str(),
+              VNTRPreferences::sharedPreferences().serverURL().c_str());
+  std::fflush(stdout);
+  // A batch at once, then the server's pace; held back while the network is unreachable.
+  Runtime::shared().requester().fireNow();
+  return reportDelivery(start, options.waitSeconds, queued, *delegate);
 }
 
 }  // namespace vntr::cli

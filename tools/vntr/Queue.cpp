@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "CliSupport.hpp"
 #include "Commands.hpp"
@@ -22,6 +23,7 @@ struct Stored {
   std::string id;
   double timeStamp = 0;
   int64_t bytes = 0;
+  std::string payload;  // only for --list
 };
 
 struct QueueReport {
@@ -75,7 +77,26 @@ Stored readStored(sqlite3_stmt* statement) {
   }
   s.timeStamp = sqlite3_column_double(statement, 1);
   s.bytes = sqlite3_column_int64(statement, 2);
+  if (sqlite3_column_count(statement) > 3) {
+    if (const auto* text = sqlite3_column_text(statement, 3)) {
+      s.payload.assign(reinterpret_cast<const char*>(text),
+                       static_cast<size_t>(sqlite3_column_bytes(statement, 3)));
+    }
+  }
   return s;
+}
+
+// The oldest `limit` requests with their payloads, in sending order.
+std::optional<std::vector<Stored>> readList(ReadOnlyDatabase& db, int64_t limit) {
+  std::vector<Stored> list;
+  const std::string sql =
+      "SELECT id, timeStamp, LENGTH(jsonData), jsonData FROM SyncEvent "
+      "ORDER BY timeStamp ASC, pk ASC LIMIT " +
+      std::to_string(limit);
+  if (!db.query(sql.c_str(), [&](sqlite3_stmt* s) { list.push_back(readStored(s)); })) {
+    return std::nullopt;
+  }
+  return list;
 }
 
 std::optional<QueueReport> readQueue(ReadOnlyDatabase& db) {
@@ -110,13 +131,20 @@ int64_t fileBytes(const std::filesystem::path& file) {
   return total;
 }
 
-json storedJSON(const std::optional<Stored>& s) {
-  if (!s) return nullptr;
-  return {{"id", s->id},
-          {"time", formatReferenceDate(s->timeStamp, /*iso=*/true)},
-          {"timeStamp", s->timeStamp},
-          {"bytes", s->bytes}};
+// "timeStamp" as a date a person reads; the stored number stays as "timeStampRaw".
+json storedJSON(const Stored& s) {
+  json out = {{"id", s.id},
+              {"timeStamp", formatReferenceDate(s.timeStamp, /*iso=*/true)},
+              {"timeStampRaw", s.timeStamp},
+              {"bytes", s.bytes}};
+  if (!s.payload.empty()) {
+    out["payload"] = json::parse(s.payload, nullptr, /*allow_exceptions=*/false);
+    if (out["payload"].is_discarded()) out["payload"] = s.payload;  // shown as it is stored
+  }
+  return out;
 }
+
+json storedJSON(const std::optional<Stored>& s) { return s ? storedJSON(*s) : json(nullptr); }
 
 std::string storedText(const Stored& s) {
   return formatReferenceDate(s.timeStamp) + "  id " + (s.id.empty() ? "(untracked)" : s.id) + "  " +
@@ -131,6 +159,19 @@ void printText(const std::filesystem::path& file, const QueueReport& r) {
   std::printf("size     %s bytes of requests", withThousands(r.totalBytes).c_str());
   if (r.count > 0) std::printf(", %s on average", withThousands(r.totalBytes / r.count).c_str());
   std::printf("; file %s bytes\n", withThousands(fileBytes(file)).c_str());
+}
+
+void printList(const std::vector<Stored>& list, const QueueReport& r, bool asJSON) {
+  if (asJSON) {
+    json requests = json::array();
+    for (const auto& s : list) requests.push_back(storedJSON(s));
+    const json out = {{"count", r.count}, {"listed", list.size()}, {"requests", requests}};
+    std::printf("%s\n", out.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+    return;
+  }
+  for (const auto& s : list) std::printf("%s\n  %s\n", storedText(s).c_str(), s.payload.c_str());
+  const auto more = r.count - static_cast<int64_t>(list.size());
+  if (more > 0) std::printf("... and %s more (--limit)\n", withThousands(more).c_str());
 }
 
 }  // namespace
@@ -156,7 +197,15 @@ int runQueue(const QueueOptions& options) {
                  db.error().value_or("unknown error").c_str());
     return kExitFailed;
   }
-  if (options.json) {
+  if (options.list) {
+    const auto list = readList(db, options.limit);
+    if (!list) {
+      std::fprintf(stderr, "vntr queue: cannot read %s: %s\n", file.c_str(),
+                   db.error().value_or("unknown error").c_str());
+      return kExitFailed;
+    }
+    printList(*list, *report, options.json);
+  } else if (options.json) {
     const json out = {{"path", file.string()},
                       {"exists", true},
                       {"count", report->count},

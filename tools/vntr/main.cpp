@@ -4,10 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <string>
 
+#include "CliSupport.hpp"
 #include "Commands.hpp"
 
 namespace {
@@ -21,6 +23,26 @@ const CLI::Validator kHttpURL(
     },
     "URL");
 
+std::string numberText(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+std::string numberText(int64_t value) { return withThousands(value); }
+
+// A range check whose message reads "from 0 to 3600", not CLI11's "0.000000 to 3600.000000".
+template <class T>
+CLI::Validator inRange(T min, T max) {
+  const std::string range = "from " + numberText(min) + " to " + numberText(max);
+  return CLI::Validator(
+      [=](std::string& input) -> std::string {
+        T value{};
+        if (CLI::detail::lexical_cast(input, value) && value >= min && value <= max) return {};
+        return "expected a number " + range + ", got " + input;
+      },
+      "NUMBER " + range);
+}
+
 CLI::App* addDemo(CLI::App& app, DemoOptions& o) {
   auto* demo = app.add_subcommand(
       "demo", "Run the whole pipeline against a sandbox tag server in this process");
@@ -29,14 +51,14 @@ CLI::App* addDemo(CLI::App& app, DemoOptions& o) {
       "port) with a temporary data directory, then prints the counters and whether every event\n"
       "arrived exactly once. Exit status 1 if any event was lost or the run timed out.");
   demo->add_option("--events", o.events, "Events to fire")
-      ->check(CLI::Range(1, 200'000))
+      ->check(inRange<int64_t>(1, 200'000))
       ->capture_default_str();
   demo->add_option("--threads", o.threads, "Threads calling fireEvents at once")
-      ->check(CLI::Range(1, 64))
+      ->check(inRange<int64_t>(1, 64))
       ->capture_default_str();
   demo->add_option("--batch-interval", o.batchIntervalMs,
                    "Batch interval (ms) the sandbox server asks the library for")
-      ->check(CLI::Range(100, 120'000))
+      ->check(inRange<int64_t>(100, 120'000))
       ->capture_default_str();
   demo->add_flag("--verbose", o.verbose, "Show the library's log at verbose level");
   return demo;
@@ -56,7 +78,7 @@ CLI::App* addFire(CLI::App& app, FireOptions& o) {
   fire->add_option("--server", o.server, "Tag server URL (default: the library's)")
       ->check(kHttpURL);
   fire->add_option("--wait", o.waitSeconds, "Seconds to wait for delivery")
-      ->check(CLI::Range(0.0, 3600.0))
+      ->check(inRange(0.0, 3600.0))
       ->capture_default_str();
   fire->add_option("--dir", o.dir, "Data directory holding the queue (default: the program's)");
   auto* site = fire->add_option("--site-id", o.siteId, "Site ID to fire with");
@@ -78,14 +100,56 @@ CLI::App* addFire(CLI::App& app, FireOptions& o) {
 CLI::App* addQueue(CLI::App& app, QueueOptions& o) {
   auto* queue = app.add_subcommand("queue", "Show what waits in the library's request queue");
   queue->footer(
-      "Shows how many requests wait in the queue, the oldest and newest, and their sizes.\n"
+      "Shows how many requests wait in the queue, the oldest and newest, and their sizes; with\n"
+      "--list, the requests themselves (oldest first, as they will be sent). In JSON, timeStamp\n"
+      "is a UTC date and timeStampRaw the stored seconds since 2001-01-01 UTC.\n"
       "Opens the file read-only and changes nothing. Exit status 1 when there is no queue file.");
   queue->add_option("--dir", o.dir, "Data directory holding the queue (default: the program's)");
   queue->add_flag("--json", o.json, "Print JSON for scripts");
+  queue->add_flag("--list", o.list, "List the queued requests with their payloads");
+  queue->add_option("--limit", o.limit, "List at most this many")
+      ->check(inRange<int64_t>(1, 1'000'000))
+      ->capture_default_str();
   return queue;
 }
 
-constexpr std::array<const char*, 3> kCommands = {"demo", "fire", "queue"};
+CLI::App* addFlush(CLI::App& app, FlushOptions& o) {
+  auto* flush = app.add_subcommand("flush", "Send what the queue holds now and wait until sent");
+  flush->footer(
+      "Starts the library over the queue, sends a batch at once and the rest at the server's\n"
+      "pace (held back while the network is unreachable), and waits until the queue is empty.\n"
+      "Meant for a queue no running program is sending from. Exit status 0 when the queue is\n"
+      "empty, 1 when requests are still queued.");
+  flush->add_option("--dir", o.dir, "Data directory holding the queue (default: the program's)");
+  flush->add_option("--server", o.server, "Tag server URL (default: the library's)")
+      ->check(kHttpURL);
+  flush->add_option("--wait", o.waitSeconds, "Seconds to wait for delivery")
+      ->check(inRange(0.0, 3600.0))
+      ->capture_default_str();
+  flush->add_flag("--assume-online", o.assumeOnline,
+                  "Treat the network as reachable instead of watching the kernel's routes");
+  flush->add_flag("--verbose", o.verbose, "Show the library's log at verbose level");
+  return flush;
+}
+
+constexpr std::array<const char*, 5> kCommands = {"demo", "fire", "flush", "queue", "help"};
+
+// "vntr help [command]": the same text as --help.
+int printHelp(CLI::App& app, int argc, char** argv) {
+  if (argc > 2) {
+    for (auto* command : app.get_subcommands({})) {
+      if (command->get_name() == argv[2]) {
+        std::cout << command->help();
+        return kExitOk;
+      }
+    }
+    std::cerr << "vntr help: unknown command: " << argv[2]
+              << " (commands: demo, fire, flush, queue)\n";
+    return kExitUsage;
+  }
+  std::cout << app.help();
+  return kExitOk;
+}
 
 // "vntr fire" when argv names a command, so the error line says which one was misused.
 std::string commandName(int argc, char** argv) {
@@ -111,13 +175,17 @@ int main(int argc, char** argv) {
   DemoOptions demoOptions;
   FireOptions fireOptions;
   QueueOptions queueOptions;
+  FlushOptions flushOptions;
   auto* demo = addDemo(app, demoOptions);
   auto* fire = addFire(app, fireOptions);
+  auto* flush = addFlush(app, flushOptions);
   auto* queue = addQueue(app, queueOptions);
+  app.footer("vntr help COMMAND (or vntr COMMAND --help) describes one command.");
   if (namesUnknownCommand(argc, argv)) {
-    std::cerr << "vntr: unknown command: " << argv[1] << " (commands: demo, fire, queue)\n";
+    std::cerr << "vntr: unknown command: " << argv[1] << " (commands: demo, fire, flush, queue)\n";
     return kExitUsage;
   }
+  if (argc > 1 && std::strcmp(argv[1], "help") == 0) return printHelp(app, argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -133,6 +201,7 @@ int main(int argc, char** argv) {
   try {
     if (demo->parsed()) return runDemo(demoOptions);
     if (fire->parsed()) return runFire(fireOptions);
+    if (flush->parsed()) return runFlush(flushOptions);
     if (queue->parsed()) return runQueue(queueOptions);
   } catch (const std::exception& e) {
     std::cerr << commandName(argc, argv) << ": " << e.what() << "\n";
