@@ -14,6 +14,7 @@
 
 #include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "fault/FaultSupport.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"

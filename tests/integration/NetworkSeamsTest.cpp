@@ -9,6 +9,7 @@
 #include <vntr/VNTRTagManager.hpp>
 
 #include "SandboxServer.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "support/LiveRuntime.hpp"
 #include "support/TestSupport.hpp"
 

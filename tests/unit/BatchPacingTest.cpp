@@ -6,6 +6,7 @@
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
+#include "facade/TagManagerCore.hpp"
 #include "model/RequestSizeLimit.hpp"
 #include "support/Harness.hpp"
 #include "transport/BatchSizer.hpp"
