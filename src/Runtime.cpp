@@ -12,6 +12,7 @@
 #include "model/VNTRGetEvents.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
+#include "transport/BatchLock.hpp"
 #include "transport/HTTPClient.hpp"
 #include "transport/VNTRRequester.hpp"
 
@@ -191,9 +192,14 @@ VNTRRequester& Runtime::requester() {
       };
       return VNTRGetEvents::make(env);
     };
+    // Without a directory the queue lives in memory and is this process's alone.
+    auto batchLock = paths_.documentsDirectory.empty()
+                         ? nullptr
+                         : std::make_shared<BatchLock>(paths_.documentsDirectory /
+                                                       "requests_Data.sqlite-batchlock");
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
-        [] { return VNTRPreferences::sharedPreferences().serverURL(); });
+        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, std::move(batchLock));
   });
   return *requester_;
 }

@@ -9,6 +9,7 @@
 #include <exception>
 #include <future>
 
+#include "core/ForkGate.hpp"
 #include "core/VNTRDebug.hpp"
 
 namespace vntr {
@@ -59,14 +60,19 @@ SerialExecutor::~SerialExecutor() {
 }
 
 void SerialExecutor::post(Task task) {
-  asio::post(state_->context, [task = std::move(task)] { runGuarded(task); });
+  asio::post(state_->context, [task = std::move(task)] {
+    const forkgate::Task gate;
+    runGuarded(task);
+  });
 }
 
 void SerialExecutor::postAfter(std::chrono::nanoseconds delay, Task task) {
   auto timer = std::make_shared<asio::steady_timer>(state_->context);
   timer->expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(delay));
   timer->async_wait([timer, task = std::move(task)](const std::error_code& ec) {
-    if (!ec) runGuarded(task);
+    if (ec) return;
+    const forkgate::Task gate;
+    runGuarded(task);
   });
 }
 
@@ -78,6 +84,7 @@ void SerialExecutor::performAndWait(const Task& task) {
   std::promise<void> done;
   auto finished = done.get_future();
   asio::post(state_->context, [&] {
+    const forkgate::Task gate;
     try {
       task();
       done.set_value();

@@ -7,6 +7,7 @@
 #include "core/VNTRStatistic.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
+#include "transport/BatchLock.hpp"
 #include "transport/VNTRReachability.hpp"
 #include "transport/VNTRRequestResponse.hpp"
 
@@ -15,12 +16,14 @@ namespace vntr {
 VNTRRequester::VNTRRequester(Executor& mainQueue, EventDataManager& store,
                              VNTRReachability& reachability,
                              std::shared_ptr<HTTPClientProtocol> httpClient,
-                             GetEventsFactory makeGetEvents, ServerURL serverURL)
+                             GetEventsFactory makeGetEvents, ServerURL serverURL,
+                             std::shared_ptr<BatchLock> batchLock)
     : mainQueue_(mainQueue),
       store_(store),
       reachability_(reachability),
       makeGetEvents_(std::move(makeGetEvents)),
       serverURL_(std::move(serverURL)),
+      batchLock_(std::move(batchLock)),
       batchTimer_(std::make_shared<VNTRTimer>()),
       httpClient_(std::move(httpClient)) {}
 
@@ -83,6 +86,12 @@ void VNTRRequester::performRemoteRequests() {
   if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
   isRequesting.store(true);
   batchTimer()->invalidate();
+  // Another process has a batch in flight on this queue file: try again at the next timer.
+  if (batchLock_ && !batchLock_->tryAcquire()) {
+    isRequesting.store(false);
+    fire();
+    return;
+  }
 
   auto pending = std::make_shared<PendingTable>();
   std::string body;
@@ -113,7 +122,7 @@ void VNTRRequester::performRemoteRequests() {
     body += ']';
   });
   if (storedEvents == 0) {
-    isRequesting.store(false);
+    endBatch();
     return;
   }
   reportStatistic(VNTRStatistic::batchRequestSent, 1);
@@ -138,14 +147,21 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
       // One commit for all the requests the answer settles.
       store_.performAndWaitJoiningSaves([&] { detail::dispatchResults(pending, *data); });
     }
-    isRequesting.store(false);
+    endBatch();
     fire();
     return;
   }
   reportStatistic(VNTRStatistic::requestFailed, 1);
-  isRequesting.store(false);
+  endBatch();
   // Offline: the reachability callback restarts the requester when the network returns.
   if (reachability_.isReachable()) fire();
+}
+
+void VNTRRequester::endBatch() {
+  // Released only once the answers' deletes are done: earlier, another process could send the
+  // requests this reply is removing.
+  if (batchLock_) batchLock_->release();
+  isRequesting.store(false);
 }
 
 namespace {

@@ -16,6 +16,7 @@
 
 namespace vntr {
 
+class BatchLock;
 class EventDataManager;
 class VNTRReachability;
 
@@ -38,10 +39,11 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   using ServerURL = std::function<std::string()>;
 
   /// `makeGetEvents` runs on the store queue and may yield nothing (the batch then goes without
-  /// it); `serverURL` is read at each batch.
+  /// it); `serverURL` is read at each batch. `batchLock`, when given, is held from the dequeue
+  /// until the reply is handled, so processes sharing the queue file never send at once.
   VNTRRequester(Executor& mainQueue, EventDataManager& store, VNTRReachability& reachability,
                 std::shared_ptr<HTTPClientProtocol> httpClient, GetEventsFactory makeGetEvents,
-                ServerURL serverURL);
+                ServerURL serverURL, std::shared_ptr<BatchLock> batchLock = nullptr);
 
   /// Asks for the next batch: arms the timer with `nextBatchInterval` unless a timer is armed
   /// (or stale) or a batch is in flight. Returns at once.
@@ -67,6 +69,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   using PendingTable = detail::PendingTable;
 
   void fireOnMainQueue();
+  void endBatch();
   void handleReply(PendingTable& pending, std::optional<std::string> data,
                    std::optional<HTTPURLResponse> response);
 
@@ -75,6 +78,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   VNTRReachability& reachability_;
   GetEventsFactory makeGetEvents_;
   ServerURL serverURL_;
+  const std::shared_ptr<BatchLock> batchLock_;
 
   mutable std::mutex mutex_;
   std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_
