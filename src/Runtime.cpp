@@ -1,5 +1,9 @@
 #include "Runtime.hpp"
 
+#include <pthread.h>
+
+#include <atomic>
+#include <vector>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
@@ -23,27 +27,52 @@ struct SharedRuntimeSettings {
   std::mutex mutex;
   bool created = false;                      // guarded by mutex
   std::optional<uint32_t> hostReachability;  // guarded by mutex
+  std::atomic<Runtime*> current{nullptr};    // written under mutex and by the fork child
+  std::vector<Runtime*> abandoned;           // parents' runtimes in a forked child; leaked
 };
 
 SharedRuntimeSettings& sharedSettings() {
   static auto* const settings = new SharedRuntimeSettings;  // never destroyed
   return *settings;
 }
+
+// The child of a fork has none of the parent's threads: it leaves the parent's runtime behind
+// (never destroyed, its connections and handles never used) and builds its own at its next
+// call. Held across the fork, the mutex keeps a runtime from being half made in the child.
+void installForkHandlers() {
+  pthread_atfork([] { sharedSettings().mutex.lock(); }, [] { sharedSettings().mutex.unlock(); },
+                 [] {
+                   auto& settings = sharedSettings();
+                   if (auto* parents = settings.current.exchange(nullptr)) {
+                     parents->abandonAfterFork();
+                     settings.abandoned.push_back(parents);
+                   }
+                   settings.mutex.unlock();
+                 });
+}
 }  // namespace
 
 Runtime& Runtime::shared() {
-  static auto* const runtime = [] {
-    RuntimeOptions options;
-    auto& settings = sharedSettings();
-    std::scoped_lock lock(settings.mutex);
-    settings.created = true;
-    if (settings.hostReachability) {
-      options.reachabilitySource = VNTRReachability::Source::host;
-      options.initialReachabilityFlags = *settings.hostReachability;
-    }
-    return new Runtime(std::move(options));  // never destroyed
-  }();
+  auto& settings = sharedSettings();
+  if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
+  std::scoped_lock lock(settings.mutex);
+  if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
+  if (!settings.created) installForkHandlers();
+  settings.created = true;
+  RuntimeOptions options;
+  if (settings.hostReachability) {
+    options.reachabilitySource = VNTRReachability::Source::host;
+    options.initialReachabilityFlags = *settings.hostReachability;
+  }
+  auto* runtime = new Runtime(std::move(options));  // never destroyed
+  settings.current.store(runtime, std::memory_order_release);
   return *runtime;
+}
+
+void Runtime::abandonAfterFork() {
+  // Only the store needs a word: SQLite must not keep the parent's connection in this process.
+  // The rest (threads that are gone, curl handles, sockets, queued work) is simply never used.
+  if (store_) store_->abandonAfterFork();
 }
 
 bool Runtime::useHostReachability(uint32_t initialFlags) {

@@ -15,9 +15,10 @@ namespace {
 struct Gate {
   std::mutex mutex;
   std::condition_variable changed;
-  int active = 0;         // guarded by mutex: tasks running on library threads
-  bool forking = false;   // guarded by mutex: a fork waits for `active` to drop
-  bool timedOut = false;  // guarded by mutex: the last fork did not wait for every task
+  int active = 0;           // guarded by mutex: tasks running on library threads
+  bool forking = false;     // guarded by mutex: a fork waits for `active` to drop
+  bool timedOut = false;    // guarded by mutex: the last fork did not wait for every task
+  Gate* parents = nullptr;  // in a forked child, the gate it left behind (kept, never used)
 };
 
 thread_local int tasksOnThisThread = 0;
@@ -68,6 +69,7 @@ void child() {
   // The old gate stays locked and is left behind. The child has only the thread that forked;
   // it alone may hold the new one.
   auto* fresh = new Gate;
+  fresh->parents = current.load();
   fresh->active = tasksOnThisThread;
   current.store(fresh, std::memory_order_release);
 }

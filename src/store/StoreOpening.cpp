@@ -94,9 +94,6 @@ bool attempt(StoreKind kind, const std::filesystem::path& path,
     return false;
   };
   if (!prepareDatabase(*db, onDisk)) return fail();
-  auto maxPk = db->statement(kMaxPk);
-  if (maxPk.step() != sqlite::Statement::Step::row) return fail();
-  out.nextPk = maxPk.columnInt64(0) + 1;
   out.db = std::move(db);
   out.kind = kind;
   return true;
