@@ -217,10 +217,13 @@ void EventDataManager::Impl::removeOldest(int64_t count) {
   }
   std::vector<std::pair<double, int64_t>> pending;
   for (const auto& row : changes_.inserted()) pending.emplace_back(row.timeStamp, row.pk);
-  std::sort(pending.begin(), pending.end());
+  const auto olderThan = [](const auto& a, const auto& b) {
+    return store::newerThan(b.first, b.second, a.first, a.second);
+  };
+  std::sort(pending.begin(), pending.end(), olderThan);
   std::vector<std::pair<double, int64_t>> victims;
   std::merge(saved.begin(), saved.end(), pending.begin(), pending.end(),
-             std::back_inserter(victims));
+             std::back_inserter(victims), olderThan);
   if (!all && static_cast<int64_t>(victims.size()) > count) {
     victims.resize(static_cast<size_t>(count));
   }
@@ -305,19 +308,9 @@ void EventDataManager::Impl::saveContext() {
       Debug(VantrelLogLevel::error, std::string("Saving event queue failed with: ") +
                                         kNoStoreDescription + ", " +
                                         "{code = 0, extendedCode = 0}");
-      // What waited for this save never reached a store.
-      afterSave_.clear();
     } else if (sqlite::Error error; !changes_.commit(*db_, error)) {
       Debug(VantrelLogLevel::error,
             "Saving event queue failed with: " + error.message + ", " + describe(error));
-      reportOverflow();
-      // The callbacks (eventCreated among them) wait for a save that succeeds, bounded like the
-      // inserts they stand for.
-      if (afterSave_.size() > store::UnitOfWork::kMaxPendingInserts) {
-        afterSave_.erase(afterSave_.begin(),
-                         afterSave_.end() - store::UnitOfWork::kMaxPendingInserts);
-      }
-      return;
     }
   }
   reportOverflow();

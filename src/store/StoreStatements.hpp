@@ -48,9 +48,12 @@ struct Row {
   double timeStamp = 0;
 };
 
-/// Queue order: by creation time, then by insertion.
+/// Queue order: by creation time, then by insertion (an unsaved insert came after every saved
+/// row).
 inline bool newerThan(double ts1, int64_t pk1, double ts2, int64_t pk2) {
-  return ts1 != ts2 ? ts1 > ts2 : pk1 > pk2;
+  if (ts1 != ts2) return ts1 > ts2;
+  const bool unsaved1 = isProvisional(pk1);
+  return unsaved1 != isProvisional(pk2) ? unsaved1 : pk1 > pk2;
 }
 
 }  // namespace vntr::store
