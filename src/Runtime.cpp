@@ -57,14 +57,16 @@ Runtime& Runtime::shared() {
   if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
   std::scoped_lock lock(settings.mutex);
   if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
-  if (!settings.created) installForkHandlers();
-  settings.created = true;
   RuntimeOptions options;
   if (settings.hostReachability) {
     options.reachabilitySource = VNTRReachability::Source::host;
     options.initialReachabilityFlags = *settings.hostReachability;
   }
   auto* runtime = new Runtime(std::move(options));  // never destroyed
+  // After the runtime's parts have installed theirs: fork takes this mutex first, in the order
+  // this function takes it (before the main queue's), and so can never deadlock with it.
+  if (!settings.created) installForkHandlers();
+  settings.created = true;
   settings.current.store(runtime, std::memory_order_release);
   return *runtime;
 }

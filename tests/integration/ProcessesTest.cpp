@@ -29,7 +29,13 @@ Host startHost(const HostLayout& host, const std::vector<std::string>& arguments
                const fs::path& errors) {
   std::vector<std::string> all{faultChildProgram(), arguments[0], host.root.string()};
   all.insert(all.end(), arguments.begin() + 1, arguments.end());
-  return {std::make_unique<ChildProcess>(command(all, errors)), errors};
+  auto options = command(all, errors);
+  // ThreadSanitizer refuses new threads in the child of a threaded process unless told to let
+  // it try; the library must start its own there.
+  for (auto& entry : options.environment) {
+    if (entry.starts_with("TSAN_OPTIONS=")) entry += ":die_after_fork=0";
+  }
+  return {std::make_unique<ChildProcess>(options), errors};
 }
 
 // Waits for the host to end well, with a clean standard error.
