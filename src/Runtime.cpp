@@ -1,8 +1,10 @@
 #include "Runtime.hpp"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <vector>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
@@ -63,9 +65,20 @@ Runtime& Runtime::shared() {
     options.initialReachabilityFlags = *settings.hostReachability;
   }
   auto* runtime = new Runtime(std::move(options));  // never destroyed
-  // After the runtime's parts have installed theirs: fork takes this mutex first, in the order
-  // this function takes it (before the main queue's), and so can never deadlock with it.
-  if (!settings.created) installForkHandlers();
+  runtime->processWide_ = true;
+  if (!settings.created) {
+    // After the runtime's parts have installed theirs: fork takes this mutex first, in the
+    // order this function takes it (before the main queue's), and so can never deadlock with it.
+    installForkHandlers();
+    // Registered after the transport's own exit handler (made by the constructor), so it runs
+    // first: the store commits while the transport still works and before anything is torn
+    // down. A forked child finishes its own runtime, if it made one, never the parent's.
+    std::atexit([] {
+      if (auto* current = sharedSettings().current.load(std::memory_order_acquire)) {
+        current->finishAtExit();
+      }
+    });
+  }
   settings.created = true;
   settings.current.store(runtime, std::memory_order_release);
   return *runtime;
@@ -99,7 +112,8 @@ std::shared_ptr<UserDefaults> standardUserDefaults() {
 }  // namespace
 
 Runtime::Runtime(RuntimeOptions options)
-    : mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
+    : ownerPid_(::getpid()),
+      mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
       storeQueue_(options.storeQueue ? std::move(options.storeQueue)
                                      : std::make_shared<SerialExecutor>("VNTRStore")),
       clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
@@ -176,6 +190,7 @@ const EventFacts& Runtime::eventFacts() {
 EventDataManager& Runtime::store() {
   std::call_once(storeOnce_, [this] {
     store_ = std::make_unique<EventDataManager>(paths_.documentsDirectory, storeQueue_, clock_);
+    createdStore_.store(store_.get());
   });
   return *store_;
 }
@@ -194,6 +209,7 @@ VNTRReachability& Runtime::reachability() {
         std::make_unique<VNTRReachability>(reachabilitySource_, initialReachabilityFlags_);
     // The requester is made on the first reachable update if nothing has made it yet.
     reachability_->setOnReachable([this] { requester().fireNow(); });
+    createdReachability_.store(reachability_.get());
   });
   return *reachability_;
 }
@@ -231,6 +247,8 @@ VNTRRequester& Runtime::requester() {
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
         [] { return VNTRPreferences::sharedPreferences().serverURL(); }, std::move(batchLock));
+    requester_->setBatchEndedObserver([this] { noteBatchEnded(); });
+    createdRequester_.store(requester_.get());
   });
   return *requester_;
 }

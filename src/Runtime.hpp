@@ -1,5 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -60,6 +65,12 @@ class Runtime {
   /// afterwards.
   static bool useHostReachability(uint32_t initialFlags);
 
+  /// Logged for every call refused after `shutdown`.
+  static constexpr const char* kShutDownLine =
+      "The VNTR Tag Manager has been shut down.  The call is refused.";
+  /// How `flush` or `shutdown` ended.
+  enum class FlushResult { empty, timedOut, shutDown };
+
   explicit Runtime(RuntimeOptions options);
   /// In a forked child, on its only thread: lets go of what belongs to the parent without
   /// writing through it. The runtime is not used afterwards.
@@ -86,11 +97,48 @@ class Runtime {
   const HTTPGet& consentGet() const { return consentGet_; }
   const std::string& consentCheckURL() const { return consentCheckURL_; }
 
+  // --- lifecycle (RuntimeLifecycle.cpp) ---
+
+  /// Stores every accepted call, asks for a batch at once (when reachable) and waits until the
+  /// queue is empty or `timeout` has passed. Called from a library thread or from inside a host
+  /// callback it cannot wait for the threads it would wait on: it only asks for the batch and
+  /// returns `timedOut`. `shutDown` (and a log line) once the runtime was shut down. Any thread.
+  FlushResult flush(std::chrono::milliseconds timeout);
+  /// Refuses every later call, flushes (as `flush`), then stops the batch timer, the transport,
+  /// the route monitor and the library's own queues and, for the process-wide runtime, stops
+  /// and releases the host's callbacks. `shutDown` when it had been shut down already. Any
+  /// thread; from inside a callback it does not wait for the thread it runs on.
+  FlushResult shutdown(std::chrono::milliseconds timeout);
+  /// True once `shutdown` has begun.
+  bool isShutDown() const { return shutDown_.load(); }
+  /// The process-wide runtime's exit hook: commits every accepted build (waiting at most
+  /// kExitCommitTimeout), then stops the host's callbacks (at once, unless the host asked for
+  /// them at exit). Registered at first use.
+  void finishAtExit();
+  static constexpr auto kExitCommitTimeout = std::chrono::seconds(5);
+
   /// The facts every request carries, computed once at first use (on the store queue).
   const EventFacts& eventFacts();
   const SyncEventEnvironment& syncEventEnvironment();
 
  private:
+  bool waitUntilStored(std::chrono::steady_clock::time_point deadline, int64_t& count);
+  FlushResult flushUntil(std::chrono::steady_clock::time_point deadline);
+  void stopThreads(std::chrono::steady_clock::time_point deadline);
+  void noteBatchEnded();
+
+  bool processWide_ = false;  // set once by shared(), before the runtime is published
+  // The process whose threads these are. A child forked from it inherits the runtime without
+  // its threads: waiting on them there would only run into the timeout.
+  std::atomic<pid_t> ownerPid_;
+  std::atomic<bool> shutDown_{false};
+  std::atomic<EventDataManager*> createdStore_{nullptr};  // store_, once made
+  std::atomic<VNTRRequester*> createdRequester_{nullptr};
+  std::atomic<VNTRReachability*> createdReachability_{nullptr};
+  std::mutex batchMutex_;
+  std::condition_variable batchEnded_;
+  uint64_t batchesEnded_ = 0;  // guarded by batchMutex_
+
   std::shared_ptr<Executor> mainQueue_;
   std::shared_ptr<Executor> storeQueue_;
   std::shared_ptr<const Clock> clock_;

@@ -14,6 +14,10 @@
 
 namespace vntr {
 
+namespace detail {
+struct HostCallbacks;
+}
+
 /// Severity of a log message; lower raw values are more severe.
 class VNTR_API VantrelLogLevel {
  public:
@@ -94,12 +98,23 @@ class VNTR_API VNTRPreferences {
 
   /// The current callback; never empty.
   std::shared_ptr<const LoggingCallback> loggingCallback() const;
-  /// An empty callback restores the default.
+  /// An empty callback restores the default. When this returns (called from anywhere but the
+  /// previous callback itself), the previous callback is not running and is never called again.
   void setLoggingCallback(LoggingCallback callback);
 
   /// Held strongly until replaced or cleared.
   std::shared_ptr<VNTRTagManagerDelegate> tagManagerDelegate() const;
+  /// Like `setLoggingCallback`: when this returns, the previous delegate is not running (unless
+  /// this is called from inside it) and is never called again.
   void setTagManagerDelegate(std::shared_ptr<VNTRTagManagerDelegate> delegate);
+
+  /// Whether the log callback and the delegate are still called while the process exits (after
+  /// `main` returns or `exit` is called), for the last requests stored then. Off by default: a
+  /// host's callbacks may depend on objects that exit destroys (an interpreter, globals), so the
+  /// library stops calling them when the process starts to exit, and writes its remaining log
+  /// lines to stderr instead.
+  bool callbacksAtExit() const;
+  void setCallbacksAtExit(bool enabled);
 
   std::string serverURL() const;
   void setServerURL(std::string url);
@@ -112,9 +127,8 @@ class VNTR_API VNTRPreferences {
   std::atomic<int> logLevel_{VantrelLogLevel::warning};
   std::atomic<double> requestTimeout_{kDefaultRequestTimeout};
   mutable std::mutex mutex_;
-  std::shared_ptr<const LoggingCallback> loggingCallback_;  // guarded by mutex_
-  std::shared_ptr<VNTRTagManagerDelegate> delegate_;        // guarded by mutex_
-  std::string serverURL_;                                   // guarded by mutex_
+  std::shared_ptr<detail::HostCallbacks> callbacks_;  // the log callback and the delegate
+  std::string serverURL_;                             // guarded by mutex_
 };
 
 /// The default logging callback: writes "[Level] pieces,joined" to stderr when `log_level` is

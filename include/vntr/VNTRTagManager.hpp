@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -28,6 +29,20 @@ class VNTR_API VNTRTagManager {
   /// consent is established, and the server's qualified-event list admits them.
   static void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
                          const nlohmann::json& eventData);
+
+  /// Stores every call accepted so far, asks for a batch at once (only when the network is
+  /// reachable) and waits until the queue is empty or `timeout` has passed; true when the queue
+  /// is empty. Later batches keep the pace the server sets. Any thread. Called from inside a
+  /// log callback or the delegate, or from a task on the library's main queue, it cannot wait for
+  /// the threads that do the work: it asks for the batch and returns false at once. False, with
+  /// a log line, after `shutdown`.
+  static bool flush(std::chrono::milliseconds timeout);
+  /// Flushes like `flush`, then stops the library's threads and releases the log callback and
+  /// the delegate: when it returns, no callback is running or ever called again. Every later
+  /// call is refused with a log line. True when the queue was empty; false when the time ran out
+  /// (what was not sent stays stored for the next run) or the library was shut down already.
+  /// Any thread; from inside a callback it does not wait.
+  static bool shutdown(std::chrono::milliseconds timeout);
 
   /// The process-wide instance; created on first use (which decides consent) and never destroyed.
   static VNTRTagManager& sharedInstance();

@@ -18,7 +18,12 @@
 extern "C" {
 #endif
 
-typedef enum { VNTR_OK = 0, VNTR_INVALID_ARGUMENT = 1 } vntr_status_t;
+typedef enum {
+  VNTR_OK = 0,
+  VNTR_INVALID_ARGUMENT = 1,
+  VNTR_TIMED_OUT = 2, /* vntr_flush, vntr_shutdown: the time ran out before the queue was empty */
+  VNTR_SHUT_DOWN = 3  /* vntr_shutdown was called before: the call is refused */
+} vntr_status_t;
 
 /* Log levels, as VantrelLogLevel. */
 enum {
@@ -33,10 +38,22 @@ enum {
 /* Wraps VNTRTagManager::fireEvents(events, eventGroup, eventData). `events` holds `count`
  * strings; `event_data_json` is a JSON object as text, NULL meaning an empty object. Text that
  * is not a JSON object is dropped with the invalid-event-data log line. Returns
- * VNTR_INVALID_ARGUMENT for NULL pointers or strings that are not UTF-8; otherwise VNTR_OK,
- * whether or not the call was admitted (rejections are only logged). */
+ * VNTR_INVALID_ARGUMENT for NULL pointers or strings that are not UTF-8, VNTR_SHUT_DOWN after
+ * vntr_shutdown; otherwise VNTR_OK, whether or not the call was admitted (rejections are only
+ * logged). */
 VNTR_C_API vntr_status_t vntr_fire_events(const char* const* events, size_t count,
                                           const char* event_group, const char* event_data_json);
+
+/* Wraps VNTRTagManager::flush: stores every accepted call, asks for a batch at once (when
+ * reachable) and waits up to `timeout_ms` for the queue to empty. VNTR_OK when it is empty,
+ * VNTR_TIMED_OUT when the time ran out (also at once when called from inside a callback, which
+ * cannot wait for the library's threads), VNTR_SHUT_DOWN after vntr_shutdown. */
+VNTR_C_API vntr_status_t vntr_flush(uint32_t timeout_ms);
+/* Wraps VNTRTagManager::shutdown: flushes like vntr_flush, then stops the library's threads and
+ * releases both callbacks (when it returns, none is running or ever called again, so their
+ * contexts may be freed). Later calls are refused with a log line. Same results as vntr_flush;
+ * VNTR_SHUT_DOWN when it was shut down already. */
+VNTR_C_API vntr_status_t vntr_shutdown(uint32_t timeout_ms);
 
 /* Wraps VNTRTagManager::subjectToGdprConsent(): 1 or 0 (undetermined reads as 1). */
 VNTR_C_API int vntr_subject_to_gdpr_consent(void);
@@ -51,13 +68,21 @@ VNTR_C_API int vntr_log_level(void);
 /* Receives every log message of every level, on the library's main queue. */
 typedef void (*vntr_log_callback)(int level, const char* const* strings, size_t count,
                                   void* context);
-/* Wraps VNTRPreferences::setLoggingCallback; NULL restores the default (stderr). */
+/* Wraps VNTRPreferences::setLoggingCallback; NULL restores the default (stderr). When it
+ * returns (called from anywhere but the previous callback), the previous callback is not running
+ * and is never called again: its context may be freed. */
 VNTR_C_API void vntr_set_logging_callback(vntr_log_callback callback, void* context);
 
 /* Receives statistic increments (VNTRStatistic raw values), on library threads. */
 typedef void (*vntr_statistic_callback)(int64_t statistic, int64_t adjustment, void* context);
-/* Wraps VNTRPreferences::setTagManagerDelegate; NULL clears the delegate. */
+/* Wraps VNTRPreferences::setTagManagerDelegate; NULL clears the delegate. The previous callback
+ * is released as by vntr_set_logging_callback. */
 VNTR_C_API void vntr_set_delegate(vntr_statistic_callback callback, void* context);
+
+/* Wraps VNTRPreferences::setCallbacksAtExit: nonzero keeps calling both callbacks while the
+ * process exits. Off by default: once main returns (or exit is called, or a hosting interpreter
+ * finalizes) no callback is called, and the remaining log lines go to stderr. */
+VNTR_C_API void vntr_set_callbacks_at_exit(int enabled);
 
 /* Wraps VNTRPreferences::setServerURL. */
 VNTR_C_API vntr_status_t vntr_set_server_url(const char* url);

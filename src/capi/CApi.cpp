@@ -1,10 +1,12 @@
 // The C functions: each checks its pointers, then runs its body through one guard.
+#include <cxxabi.h>
 #include <vntr/vntr.h>
 
 #include <cmath>
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
+#include "Runtime.hpp"
 #include "capi/CApiGuard.hpp"
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
@@ -41,6 +43,10 @@ vntr_status_t vntr_fire_events(const char* const* events, size_t count, const ch
                                const char* event_data_json) {
   if (event_group == nullptr || (events == nullptr && count > 0)) return VNTR_INVALID_ARGUMENT;
   return guarded([&] {
+    if (vntr::Runtime::shared().isShutDown()) {
+      vntr::Debug(vntr::VantrelLogLevel::error, vntr::Runtime::kShutDownLine);
+      return VNTR_SHUT_DOWN;
+    }
     std::vector<std::string> names;
     names.reserve(count);
     for (size_t i = 0; i < count; ++i) {
@@ -68,9 +74,47 @@ vntr_status_t vntr_fire_events(const char* const* events, size_t count, const ch
   });
 }
 
+namespace {
+vntr_status_t statusOf(vntr::Runtime::FlushResult result) {
+  switch (result) {
+    case vntr::Runtime::FlushResult::empty:
+      return VNTR_OK;
+    case vntr::Runtime::FlushResult::timedOut:
+      return VNTR_TIMED_OUT;
+    case vntr::Runtime::FlushResult::shutDown:
+      return VNTR_SHUT_DOWN;
+  }
+  return VNTR_TIMED_OUT;
+}
+}  // namespace
+
+vntr_status_t vntr_flush(uint32_t timeout_ms) {
+  vntr_status_t status = VNTR_TIMED_OUT;
+  (void)guarded([&] {
+    status = statusOf(vntr::Runtime::shared().flush(std::chrono::milliseconds(timeout_ms)));
+    return VNTR_OK;
+  });
+  return status;
+}
+
+vntr_status_t vntr_shutdown(uint32_t timeout_ms) {
+  vntr_status_t status = VNTR_TIMED_OUT;
+  (void)guarded([&] {
+    status = statusOf(vntr::Runtime::shared().shutdown(std::chrono::milliseconds(timeout_ms)));
+    return VNTR_OK;
+  });
+  return status;
+}
+
+void vntr_set_callbacks_at_exit(int enabled) {
+  VNTRPreferences::sharedPreferences().setCallbacksAtExit(enabled != 0);
+}
+
 int vntr_subject_to_gdpr_consent(void) {
   try {
     return vntr::VNTRTagManager::sharedInstance().subjectToGdprConsent() ? 1 : 0;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return 1;
   }
@@ -79,6 +123,8 @@ int vntr_subject_to_gdpr_consent(void) {
 int vntr_has_gdpr_consent(void) {
   try {
     return vntr::VNTRTagManager::sharedInstance().hasGdprConsent() ? 1 : 0;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return 0;
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cxxabi.h>
 #include <vntr/vntr.h>
 
 #include "core/Extensions.hpp"
@@ -9,9 +10,11 @@ namespace vntr::capi {
 /// Runs the body of a C function: whatever it throws becomes VNTR_INVALID_ARGUMENT, so nothing
 /// escapes into a host that cannot catch C++ exceptions.
 template <class Body>
-vntr_status_t guarded(Body&& body) noexcept {
+vntr_status_t guarded(Body&& body) {
   try {
     return body();
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return VNTR_INVALID_ARGUMENT;
   }

@@ -1,13 +1,15 @@
 #include "core/SerialExecutor.hpp"
 
+#include <cxxabi.h>
 #include <pthread.h>
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
+#include <condition_variable>
 #include <exception>
-#include <future>
+#include <mutex>
 
 #include "core/ForkGate.hpp"
 #include "core/VNTRDebug.hpp"
@@ -18,11 +20,23 @@ struct SerialExecutor::State {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
   std::atomic<std::thread::id> runner{};
+  std::mutex mutex;
+  std::condition_variable changed;  // a waited-for task finished, or the thread ended
+  bool threadEnded = false;         // guarded by mutex
+  std::mutex orphanMutex;           // one caller at a time runs the tasks of an ended thread
 };
 
-void runGuarded(const Executor::Task& task) noexcept {
+// One performAndWait: set when its task has finished, on whichever thread ran it.
+struct SerialExecutor::Waiter {
+  bool done = false;  // guarded by State::mutex
+  std::exception_ptr error;
+};
+
+void runGuarded(const Executor::Task& task) {
   try {
     task();
+  } catch (abi::__forced_unwind&) {
+    throw;  // the host is ending this thread; swallowing it would abort the process
   } catch (const std::exception& e) {
     Debug(VantrelLogLevel::error,
           std::string("Unexpected exception on a library thread: ") + e.what());
@@ -31,8 +45,20 @@ void runGuarded(const Executor::Task& task) noexcept {
   }
 }
 
-SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_unique<State>()) {
-  thread_ = std::thread([state = state_.get(), name = std::move(threadName)] {
+SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_shared<State>()) {
+  thread_ = std::thread([state = state_, name = std::move(threadName)] {
+    // Whichever way the thread ends, waiters from now on run the queue themselves.
+    struct Ending {
+      State& state;
+      ~Ending() {
+        state.runner.store({});
+        {
+          std::scoped_lock lock(state.mutex);
+          state.threadEnded = true;
+        }
+        state.changed.notify_all();
+      }
+    } ending{*state};
     // Linux limits thread names to 15 characters.
     pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
     state->runner.store(std::this_thread::get_id());
@@ -40,6 +66,8 @@ SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_unique
       try {
         state->context.run();
         return;
+      } catch (abi::__forced_unwind&) {
+        throw;
       } catch (...) {
         // runGuarded catches task exceptions; anything else is Asio's own and is survived.
       }
@@ -48,15 +76,18 @@ SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_unique
 }
 
 SerialExecutor::~SerialExecutor() {
+  stop();
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();  // destroyed from its own task; cannot join itself
+  } else {
+    thread_.join();
+  }
+}
+
+void SerialExecutor::stop() {
   state_->guard.reset();
   state_->context.stop();
-  if (thread_.joinable()) {
-    if (thread_.get_id() == std::this_thread::get_id()) {
-      thread_.detach();  // destroyed from its own task; cannot join itself
-    } else {
-      thread_.join();
-    }
-  }
 }
 
 void SerialExecutor::post(Task task) {
@@ -81,18 +112,67 @@ void SerialExecutor::performAndWait(const Task& task) {
     task();
     return;
   }
-  std::promise<void> done;
-  auto finished = done.get_future();
-  asio::post(state_->context, [&] {
+  auto waiter = std::make_shared<Waiter>();
+  // `task` is borrowed: this call returns only after the task ran or was dropped with its
+  // thread, so the reference never outlives it.
+  asio::post(state_->context, [state = state_, waiter, &task] {
     const forkgate::Task gate;
     try {
       task();
-      done.set_value();
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
-      done.set_exception(std::current_exception());
+      waiter->error = std::current_exception();
     }
+    {
+      std::scoped_lock lock(state->mutex);
+      waiter->done = true;
+    }
+    state->changed.notify_all();
   });
-  finished.get();
+  waitFor(*waiter, std::chrono::steady_clock::time_point::max());
+  if (waiter->error) std::rethrow_exception(waiter->error);
+}
+
+bool SerialExecutor::performAndWaitUntil(std::chrono::steady_clock::time_point deadline,
+                                         Task task) {
+  if (isCurrent()) {
+    runGuarded(task);
+    return true;
+  }
+  auto waiter = std::make_shared<Waiter>();
+  asio::post(state_->context, [state = state_, waiter, task = std::move(task)] {
+    const forkgate::Task gate;
+    runGuarded(task);
+    {
+      std::scoped_lock lock(state->mutex);
+      waiter->done = true;
+    }
+    state->changed.notify_all();
+  });
+  return waitFor(*waiter, deadline);
+}
+
+bool SerialExecutor::waitFor(Waiter& waiter, std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(state_->mutex);
+  state_->changed.wait_until(lock, deadline, [&] { return waiter.done || state_->threadEnded; });
+  if (waiter.done || !state_->threadEnded) return waiter.done;
+  lock.unlock();
+  // Our task is still queued (or was lost with the thread that ran it): run what is queued.
+  runOrphanedTasks();
+  lock.lock();
+  return waiter.done;
+}
+
+void SerialExecutor::runOrphanedTasks() {
+  std::scoped_lock orphan(state_->orphanMutex);
+  state_->runner.store(std::this_thread::get_id());
+  struct Leave {
+    State& state;
+    ~Leave() { state.runner.store({}); }
+  } leave{*state_};
+  state_->context.restart();
+  state_->context.poll();
 }
 
 bool SerialExecutor::isCurrent() const {

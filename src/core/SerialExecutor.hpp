@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -10,8 +11,13 @@ namespace vntr {
 /// A serial queue on one named library thread, built on an Asio io_context with steady timers.
 ///
 /// Every task runs inside a guard that catches and logs anything it throws, so a host callback
-/// that throws never takes the thread down. Destroying the executor stops the thread after the
-/// task in progress; tasks not yet run are dropped. Process-wide instances are never destroyed.
+/// that throws never takes the thread down. A host may still end the thread (a forced unwind:
+/// thread cancellation, or an interpreter that ends foreign threads calling into it while it
+/// exits), and `stop` ends it on purpose. Without its thread the queue is not dead: whoever waits
+/// on it (`performAndWait`, `performAndWaitUntil`) runs the queued tasks itself, one caller at a
+/// time, so waiting never hangs and nothing queued is lost. Destroying the executor stops the
+/// thread after the task in progress; tasks not yet run are dropped. Process-wide instances are
+/// never destroyed.
 class SerialExecutor final : public Executor {
  public:
   explicit SerialExecutor(std::string threadName);
@@ -24,13 +30,25 @@ class SerialExecutor final : public Executor {
   void performAndWait(const Task& task) override;
   bool isCurrent() const override;
 
+  /// Runs `task` on the queue and waits for it until `deadline`; true when it ran. What it
+  /// throws is caught and logged. Any thread; inline when already on the queue.
+  bool performAndWaitUntil(std::chrono::steady_clock::time_point deadline, Task task);
+  /// Lets the thread end after the task in progress, without waiting for it. Tasks queued from
+  /// then on run only when someone waits on the queue.
+  void stop();
+
  private:
   struct State;
-  std::unique_ptr<State> state_;
+  struct Waiter;
+  bool waitFor(Waiter& waiter, std::chrono::steady_clock::time_point deadline);
+  void runOrphanedTasks();
+
+  std::shared_ptr<State> state_;
   std::thread thread_;
 };
 
-/// Runs `task`, catching and logging whatever it throws. Used by every library thread.
-void runGuarded(const Executor::Task& task) noexcept;
+/// Runs `task`, catching and logging whatever it throws, except a forced unwind (the host ending
+/// the thread), which goes on. Used by every library thread.
+void runGuarded(const Executor::Task& task);
 
 }  // namespace vntr

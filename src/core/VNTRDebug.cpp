@@ -1,23 +1,43 @@
 #include "core/VNTRDebug.hpp"
 
+#include <cxxabi.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <ctime>
 
+#include "core/HostCallbacks.hpp"
 #include "core/MainQueue.hpp"
 
 namespace vntr {
 
+namespace {
+
+// Hands one message to the host's log callback; false when host callbacks are no longer called
+// (shut down, or the process is exiting).
+bool callLogCallback(VantrelLogLevel level, const std::vector<std::string>& strings) {
+  try {
+    return detail::hostCallbacks().log.invoke(
+        [&](const VNTRPreferences::LoggingCallback& callback) { callback(level, strings); });
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return true;  // a host callback that throws loses its own message; the queue carries on
+  }
+}
+
+}  // namespace
+
 void detail::deliverLog(VantrelLogLevel level, std::vector<std::string> strings) {
+  // Once host callbacks have stopped the main queue may be gone too: the line goes to stderr
+  // at once, so a refused call still says why.
+  if (!hostCallbacks().gate->open()) {
+    VNTRLog(level, strings);
+    return;
+  }
   mainQueue().post([level, strings = std::move(strings)] {
-    const auto callback = VNTRPreferences::sharedPreferences().loggingCallback();
-    try {
-      (*callback)(level, strings);
-    } catch (...) {
-      // A host callback that throws loses its own message; the main queue carries on.
-    }
+    if (!callLogCallback(level, strings)) VNTRLog(level, strings);
   });
 }
 

@@ -1,5 +1,7 @@
 #include "core/VNTRInfo.hpp"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -12,6 +14,8 @@ const T& VNTRInfo::get(Lazy<T>& slot, Compute compute) {
   std::call_once(slot.once, [&] {
     try {
       slot.value = compute();
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       // A host-supplied source that throws leaves the value at its fallback (the slot's
       // default, or what the caller pre-set), rather than failing every later read.
@@ -81,6 +85,8 @@ TimePoint VNTRInfo::firstInstall() {
     std::optional<TimePoint> installed;
     try {
       installed = source_->firstInstall();
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       // Treated like a file whose attributes cannot be read.
     }

@@ -1,5 +1,7 @@
 #include <vntr/VNTRPreferences.hpp>
 
+#include "core/HostCallbacks.hpp"
+
 namespace vntr {
 
 std::optional<VantrelLogLevel> VantrelLogLevel::fromRawValue(int64_t rawValue) {
@@ -34,19 +36,31 @@ std::string_view VantrelLogLevel::description() const {
   return "Unknown";
 }
 
-VNTRPreferences& VNTRPreferences::sharedPreferences() {
-  static auto* const instance = new VNTRPreferences;  // never destroyed: read at exit by threads
-  return *instance;
-}
-
 namespace {
 std::shared_ptr<const VNTRPreferences::LoggingCallback> defaultLoggingCallback() {
   return std::make_shared<const VNTRPreferences::LoggingCallback>(&VNTRLog);
 }
 }  // namespace
 
+detail::HostCallbacks& detail::hostCallbacks() {
+  static auto* const callbacks = new HostCallbacks(defaultLoggingCallback());  // never destroyed
+  return *callbacks;
+}
+
+VNTRPreferences& VNTRPreferences::sharedPreferences() {
+  static auto* const instance = [] {
+    auto* preferences = new VNTRPreferences;  // never destroyed: read at exit by threads
+    // The library calls the callbacks through these; the shared_ptr only borrows them.
+    preferences->callbacks_ = std::shared_ptr<detail::HostCallbacks>(&detail::hostCallbacks(),
+                                                                     [](detail::HostCallbacks*) {});
+    return preferences;
+  }();
+  return *instance;
+}
+
 VNTRPreferences::VNTRPreferences()
-    : loggingCallback_(defaultLoggingCallback()), serverURL_(kDefaultServerURL) {}
+    : callbacks_(std::make_shared<detail::HostCallbacks>(defaultLoggingCallback())),
+      serverURL_(kDefaultServerURL) {}
 
 VantrelLogLevel VNTRPreferences::logLevel() const {
   return VantrelLogLevel::fromRawValue(logLevel_.load(std::memory_order_relaxed))
@@ -58,26 +72,26 @@ void VNTRPreferences::setLogLevel(VantrelLogLevel level) {
 }
 
 std::shared_ptr<const VNTRPreferences::LoggingCallback> VNTRPreferences::loggingCallback() const {
-  std::scoped_lock lock(mutex_);
-  return loggingCallback_;
+  return callbacks_->log.current();
 }
 
 void VNTRPreferences::setLoggingCallback(LoggingCallback callback) {
-  auto next = callback ? std::make_shared<const LoggingCallback>(std::move(callback))
-                       : defaultLoggingCallback();
-  std::scoped_lock lock(mutex_);
-  loggingCallback_.swap(next);
-  // The previous callback is released outside the lock, when `next` goes out of scope.
+  callbacks_->log.replace(callback ? std::make_shared<const LoggingCallback>(std::move(callback))
+                                   : defaultLoggingCallback());
 }
 
 std::shared_ptr<VNTRTagManagerDelegate> VNTRPreferences::tagManagerDelegate() const {
-  std::scoped_lock lock(mutex_);
-  return delegate_;
+  return callbacks_->delegate.current();
 }
 
 void VNTRPreferences::setTagManagerDelegate(std::shared_ptr<VNTRTagManagerDelegate> delegate) {
-  std::scoped_lock lock(mutex_);
-  delegate_.swap(delegate);
+  callbacks_->delegate.replace(std::move(delegate));
+}
+
+bool VNTRPreferences::callbacksAtExit() const { return callbacks_->callbacksAtExit.load(); }
+
+void VNTRPreferences::setCallbacksAtExit(bool enabled) {
+  callbacks_->callbacksAtExit.store(enabled);
 }
 
 std::string VNTRPreferences::serverURL() const {

@@ -1,7 +1,10 @@
 #include "core/VNTRStatistic.hpp"
 
+#include <cxxabi.h>
+
 #include <exception>
 
+#include "core/HostCallbacks.hpp"
 #include "core/VNTRDebug.hpp"
 
 namespace vntr {
@@ -45,10 +48,12 @@ std::string_view VNTRStatistic::description() const {
 }
 
 void reportStatistic(VNTRStatistic statistic, int64_t adjustment) {
-  const auto delegate = VNTRPreferences::sharedPreferences().tagManagerDelegate();
-  if (!delegate) return;
   try {
-    delegate->notifyForStatistic(statistic.rawValue(), adjustment);
+    detail::hostCallbacks().delegate.invoke([&](VNTRTagManagerDelegate& delegate) {
+      delegate.notifyForStatistic(statistic.rawValue(), adjustment);
+    });
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (const std::exception& e) {
     Debug(VantrelLogLevel::error,
           std::string("Delegate threw while notified of a statistic: ") + e.what());

@@ -1,3 +1,5 @@
+#include <cxxabi.h>
+
 #include <cmath>
 #include <map>
 #include <mutex>
@@ -166,6 +168,8 @@ void UserDefaults::write(const std::string& key, std::optional<Value> value) {
       (*observer)(key);
     } catch (const std::exception& e) {
       Debug(VantrelLogLevel::error, "A user defaults observer of " + key + " failed: " + e.what());
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       Debug(VantrelLogLevel::error, "A user defaults observer of " + key + " failed.");
     }

@@ -1,3 +1,5 @@
+#include <cxxabi.h>
+
 #include <vntr/VNTRTagManager.hpp>
 
 #include "Runtime.hpp"
@@ -16,12 +18,34 @@ void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData) {
   try {
     sharedInstance().fireEvents(events, eventGroup, eventData, VNTREventPriority::high, true);
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     // Nothing may reach the host: an allocation failure here loses this one call only.
   }
 }
 
 VNTRTagManager& VNTRTagManager::sharedInstance() { return Runtime::shared().tagManager(); }
+
+bool VNTRTagManager::flush(std::chrono::milliseconds timeout) {
+  try {
+    return Runtime::shared().flush(timeout) == Runtime::FlushResult::empty;
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool VNTRTagManager::shutdown(std::chrono::milliseconds timeout) {
+  try {
+    return Runtime::shared().shutdown(timeout) == Runtime::FlushResult::empty;
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
+}
 
 VNTRTagManager::VNTRTagManager(Runtime& runtime)
     : runtime_(runtime),
@@ -60,8 +84,15 @@ bool VNTRTagManager::useHostReachability(uint32_t initialFlags) {
 
 void VNTRTagManager::updateReachabilityFlags(uint32_t flags) {
   try {
-    auto& reachability = Runtime::shared().reachability();
+    auto& runtime = Runtime::shared();
+    if (runtime.isShutDown()) {
+      Debug(VantrelLogLevel::error, Runtime::kShutDownLine);
+      return;
+    }
+    auto& reachability = runtime.reachability();
     if (reachability.source() == VNTRReachability::Source::host) reachability.updateFlags(flags);
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     // Nothing may reach the host.
   }
@@ -70,6 +101,10 @@ void VNTRTagManager::updateReachabilityFlags(uint32_t flags) {
 void VNTRTagManager::fireEvents(const std::vector<std::string>& events,
                                 const std::string& eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority, bool startRequester) {
+  if (runtime_.isShutDown()) {
+    Debug(VantrelLogLevel::error, Runtime::kShutDownLine);
+    return;
+  }
   if (!runtime_.siteID()) {
     Debug(VantrelLogLevel::error,
           "The Site ID for the VNTR Tag Manager has not been set.  Please see previous errors for "

@@ -56,7 +56,7 @@ class EventDataManager::Impl {
   void abandonAfterFork();
 
   Executor& queue() { return *queue_; }
-  StoreKind kind() const { return kind_; }
+  StoreKind kind() const { return kind_.load(); }
   std::atomic<int64_t>& queuedBatched() { return queuedBatched_; }
 
  private:
@@ -69,7 +69,7 @@ class EventDataManager::Impl {
 
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
-  StoreKind kind_ = StoreKind::none;  // written once by open(), before anyone else sees us
+  std::atomic<StoreKind> kind_{StoreKind::none};  // written once, by open()
 
   // Confined to the queue.
   std::unique_ptr<sqlite::Database> db_;
@@ -86,7 +86,7 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
                                   const AttemptFilter& allowed) {
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
-  kind_ = opened.kind;
+  kind_.store(opened.kind);
 }
 
 void EventDataManager::Impl::close() {
@@ -106,9 +106,16 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
   if (db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
-  batching_ = inBurst_ = true;
-  runGuarded(task);
-  batching_ = inBurst_ = false;
+  {
+    // Reset however the task ends: a host may end this thread inside a callback of it, and
+    // whoever runs the queue after that must find the store outside any burst.
+    struct InBurst {
+      Impl& impl;
+      explicit InBurst(Impl& i) : impl(i) { impl.batching_ = impl.inBurst_ = true; }
+      ~InBurst() { impl.batching_ = impl.inBurst_ = false; }
+    } inBurst(*this);
+    runGuarded(task);
+  }
   const bool burstOver = queuedBatched_.load(std::memory_order_acquire) == 0;
   if ((hasChanges() || !afterSave_.empty()) &&
       (burstOver || afterSave_.size() >= EventDataManager::kMaxBatchedSaves)) {
@@ -396,9 +403,15 @@ EventDataManager::EventDataManager(std::filesystem::path documentsDirectory,
                                    std::shared_ptr<Executor> queue,
                                    std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter)
     : impl_(std::make_shared<Impl>(std::move(queue), std::move(clock))) {
-  impl_->open(documentsDirectory, attemptFilter);
-  impl_->queue().post([weak = std::weak_ptr<Impl>(impl_)] {
-    if (const auto impl = weak.lock()) impl->startupTrim();
+  // Opening runs SQLite's quick_check over the whole file and the trim may delete thousands of
+  // rows: both belong on the store queue, not on the thread of the host's first call. Every
+  // task queued after this one finds the store open.
+  impl_->queue().post([weak = std::weak_ptr<Impl>(impl_), directory = std::move(documentsDirectory),
+                       filter = std::move(attemptFilter)] {
+    if (const auto impl = weak.lock()) {
+      impl->open(directory, filter);
+      impl->startupTrim();
+    }
   });
 }
 

@@ -39,9 +39,9 @@ class EventDataManager {
   /// `recreated`: reopening it after the delete; `memory`). Production passes nothing.
   using AttemptFilter = std::function<bool(StoreKind attempt)>;
 
-  /// Builds the stack synchronously on the calling thread, running the fallback chain on
+  /// Returns at once: the first task it posts to `queue` runs the fallback chain on
   /// `documentsDirectory`/"requests_Data.sqlite" (the directory is created when missing), then
-  /// posts the start-up trim to `queue`.
+  /// the start-up trim, so every later task finds the store open.
   EventDataManager(std::filesystem::path documentsDirectory, std::shared_ptr<Executor> queue,
                    std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter = {});
   /// Waits for the work already queued (performAndWait on the queue), saves what is still
@@ -72,7 +72,7 @@ class EventDataManager {
   /// joined into one commit when it ends: the answers to a whole batch cost one commit instead
   /// of one each. Any thread.
   void performAndWaitJoiningSaves(const Executor::Task& task);
-  /// How the fallback chain ended; any thread.
+  /// How the fallback chain ended (`none` until it has run on the queue); any thread.
   StoreKind kind() const;
 
   // --- queue only ---

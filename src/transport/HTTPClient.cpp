@@ -1,6 +1,7 @@
 #include "transport/HTTPClient.hpp"
 
 #include <curl/curl.h>
+#include <cxxabi.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -156,13 +157,15 @@ struct Transfer {
 
 /// Runs a completion so that nothing it throws can reach the transport thread's loop.
 void deliver(HTTPCompletion& completion, std::optional<std::string> data,
-             std::optional<HTTPURLResponse> response, std::optional<HTTPError> error) noexcept {
+             std::optional<HTTPURLResponse> response, std::optional<HTTPError> error) {
   if (!completion) return;
   try {
     completion(std::move(data), std::move(response), std::move(error));
   } catch (const std::exception& e) {
     Debug(VantrelLogLevel::error,
           std::string("Unexpected exception on a library thread: ") + e.what());
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     Debug(VantrelLogLevel::error, "Unexpected exception on a library thread");
   }
@@ -241,7 +244,7 @@ struct HTTPClient::State final : StoppedAtExit {
     finishedChanged.wait_until(lock, deadline, [this] { return finished; });
   }
 
-  void run() noexcept;
+  void run();
   void start(Request request);
   void configure(CURL* easy, Transfer& transfer) const;
   void collectFinished();
@@ -268,9 +271,21 @@ struct HTTPClient::State final : StoppedAtExit {
   std::vector<CURL*> idle;
 };
 
-void HTTPClient::State::run() noexcept {
+void HTTPClient::State::run() {
   pthread_setname_np(pthread_self(), "VNTRTransport");
   runner.store(std::this_thread::get_id());
+  // A host may end this thread inside a completion (a forced unwind): stopping for exit must not
+  // then wait for a thread that is gone.
+  struct Ended {
+    State& state;
+    ~Ended() {
+      {
+        std::scoped_lock lock(state.mutex);
+        state.finished = true;
+      }
+      state.finishedChanged.notify_all();
+    }
+  } ended{*this};
   for (;;) {
     std::vector<Request> incoming;
     bool stop = false;
@@ -311,6 +326,8 @@ void HTTPClient::State::run() noexcept {
     } catch (const std::exception& e) {
       Debug(VantrelLogLevel::error,
             std::string("Unexpected exception on a library thread: ") + e.what());
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       Debug(VantrelLogLevel::error, "Unexpected exception on a library thread");
     }
@@ -484,6 +501,10 @@ void HTTPClient::post(std::string body, const std::string& url, HTTPCompletion c
 
 void HTTPClient::get(const std::string& url, HTTPCompletion completion) {
   submit(false, std::string(), url, std::move(completion));
+}
+
+void HTTPClient::stop(std::chrono::steady_clock::time_point deadline) {
+  if (thread_.joinable()) state_->stopForExit(deadline);
 }
 
 long HTTPClient::connectionsOpened() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -50,6 +51,10 @@ class HTTPClient final : public HTTPClientProtocol {
   /// Plain GET with no headers of its own, no cookies and no cache, for the consent check; same
   /// completion contract as `post`.
   void get(const std::string& url, HTTPCompletion completion);
+  /// Stops the transport thread for good (the library is shutting down): transfers in flight
+  /// complete with the shut-down error, later requests fail at once. Waits for the thread to
+  /// leave libcurl until `deadline`; returns at once when called from one of its completions.
+  void stop(std::chrono::steady_clock::time_point deadline);
   /// Connections opened so far (for benchmarks and tests: proves reuse).
   long connectionsOpened() const;
 

@@ -42,6 +42,22 @@ void VNTRRequester::setHttpClient(std::shared_ptr<HTTPClientProtocol> client) {
   httpClient_.swap(client);
 }
 
+void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
+  auto next = std::make_shared<const std::function<void()>>(std::move(observer));
+  std::scoped_lock lock(mutex_);
+  batchEnded_.swap(next);
+}
+
+void VNTRRequester::endBatch() {
+  isRequesting.store(false);
+  std::shared_ptr<const std::function<void()>> observer;
+  {
+    std::scoped_lock lock(mutex_);
+    observer = batchEnded_;
+  }
+  if (observer && *observer) (*observer)();
+}
+
 void VNTRRequester::fire() {
   // The main queue would drop this request anyway while a timer is armed (or stale) or a batch
   // is in flight; skipping the hop spares the caller's thread and the main queue a wake-up per

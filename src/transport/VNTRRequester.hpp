@@ -62,6 +62,8 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
   std::shared_ptr<VNTRTimer> batchTimer() const;
   std::shared_ptr<HTTPClientProtocol> httpClient() const;
+  /// Called (on the thread that ends it) after every batch cycle that has ended, sent or not.
+  void setBatchEndedObserver(std::function<void()> observer);
   /// Installs another transport (for example `HTTPMockClient`) for the following batches.
   void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
 
@@ -81,8 +83,9 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   const std::shared_ptr<BatchLock> batchLock_;
 
   mutable std::mutex mutex_;
-  std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_
-  std::shared_ptr<HTTPClientProtocol> httpClient_;  // guarded by mutex_
+  std::shared_ptr<VNTRTimer> batchTimer_;                    // guarded by mutex_
+  std::shared_ptr<HTTPClientProtocol> httpClient_;           // guarded by mutex_
+  std::shared_ptr<const std::function<void()>> batchEnded_;  // guarded by mutex_
 };
 
 }  // namespace vntr

@@ -72,12 +72,19 @@ struct Launch {
     runtime->requester().fireNow();
     queue->runUntilIdle();
   }
+  // Both run what is queued first: the store opens on its queue.
   int64_t count() {
+    auto& store = runtime->store();
+    queue->runUntilIdle();
     int64_t n = 0;
-    runtime->store().performAndWait([&] { n = runtime->store().count(); });
+    store.performAndWait([&] { n = store.count(); });
     return n;
   }
-  EventDataManager::StoreKind kind() { return runtime->store().kind(); }
+  EventDataManager::StoreKind kind() {
+    auto& store = runtime->store();
+    queue->runUntilIdle();
+    return store.kind();
+  }
 
   HostLayout layout;
   std::shared_ptr<ManualExecutor> queue;

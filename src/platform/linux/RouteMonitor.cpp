@@ -1,5 +1,6 @@
 #include "platform/linux/RouteMonitor.hpp"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -300,6 +301,8 @@ std::unique_ptr<RouteMonitor> RouteMonitor::start(Callback onChange) {
       shared->run();
     });
     return monitor;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     return nullptr;  // out of memory or threads: the caller runs without a monitor
   }

@@ -17,6 +17,12 @@
 //       and child each fire `count` more (the child numbers its events from firstSeq + count,
 //       the parent from firstSeq + 2 * count) and wait until the server has answered their own.
 //       Exits 0 when both sides did; the parent waits for the child.
+//   vntr_fault_child fire <dataDir> <serverURL> <reportFile> <count> <return|exit|flush>
+//       Fires `count` events with eventData {"seq": n} from the main thread, then returns from
+//       main, calls exit, or calls flush, shutdown and the C API after shutdown, printing each
+//       result as "<call> <result>" (the first eventCreated also calls flush from inside the
+//       delegate). The network is reachable only for "flush". Writes "main returned" to
+//       reportFile as main ends, so the parent sees any callback that came after it.
 //   vntr_fault_child lock <storeFile> <write|exclusive>
 //       Another process holding the store: "write" holds a write transaction, "exclusive" also
 //       switches to the exclusive locking mode (no other connection may even read). Prints
@@ -29,6 +35,7 @@
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vntr/vntr.h>
 
 #include <array>
 #include <atomic>
@@ -83,11 +90,13 @@ class Reporter final : public vntr::VNTRTagManagerDelegate {
       const std::string line = std::to_string(total) + "\n";
       (void)!::write(reportFd, line.data(), line.size());
     }
+    if (statistic == VNTRStatistic::eventCreated && onCreated) onCreated();
   }
   int64_t operator[](VNTRStatistic statistic) const {
     return counts_[static_cast<size_t>(statistic.rawValue())].load();
   }
-  int reportFd = -1;  // set before the delegate is installed
+  int reportFd = -1;              // set before the delegate is installed
+  void (*onCreated)() = nullptr;  // likewise
 
  private:
   std::array<std::atomic<int64_t>, 10> counts_{};
@@ -99,7 +108,7 @@ Reporter& reporter() {
 }
 
 int usage() {
-  std::cerr << "usage: vntr_fault_child run|exit|lock ... (see the source)\n";
+  std::cerr << "usage: vntr_fault_child run|exit|fire|lock ... (see the source)\n";
   return 2;
 }
 
@@ -263,32 +272,74 @@ int forkHost(char** argv) {
   if (::waitpid(child, &status, 0) != child) return 6;
   if (!WIFEXITED(status)) return 7;
   return sent ? WEXITSTATUS(status) : 5;
-}
+  // Runs in the delegate at the first eventCreated: a flush from inside a callback must not wait
+  // for (or deadlock on) the thread it runs on.
+  std::atomic<int> flushInCallback{-1};
+  std::atomic<int64_t> flushInCallbackMs{-1};
 
-int lock(char** argv) {
-  const std::string how = argv[3];
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot open " << argv[2] << "\n";
-    return 1;
+  void flushFromCallback() {
+    int expected = -1;
+    if (!flushInCallback.compare_exchange_strong(expected, -2)) return;
+    const auto started = std::chrono::steady_clock::now();
+    const bool empty = VNTRTagManager::flush(10s);
+    flushInCallbackMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now() - started)
+                            .count();
+    flushInCallback = empty ? 1 : 0;
   }
-  sqlite3_busy_timeout(db, 5000);
-  if (how == "exclusive" &&
-      sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    return 1;
+
+  int fire(char** argv) {
+    const fs::path dataDir = argv[2];
+    const fs::path report = argv[4];
+    const int64_t count = std::stoll(argv[5]);
+    const std::string how = argv[6];
+    const bool reachable = how == "flush";
+    setUpHost(dataDir, argv[3], report);
+    VNTRTagManager::updateReachabilityFlags(reachable ? kReachable : 0);
+    reporter().onCreated = reachable ? flushFromCallback : nullptr;
+    for (int64_t n = 0; n < count; ++n)
+      VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", n}});
+    if (how == "flush") {
+      std::cout << "flush " << VNTRTagManager::flush(20s) << "\n";
+      std::cout << "callback-flush " << flushInCallback << " " << (flushInCallbackMs < 1000)
+                << "\n";
+      VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", count}});
+      std::cout << "shutdown " << VNTRTagManager::shutdown(20s) << "\n";
+      const char* events[] = {"fault"};
+      std::cout << "vntr_fire_events " << vntr_fire_events(events, 1, "fault", nullptr) << "\n";
+      std::cout << "vntr_flush " << vntr_flush(100) << "\n";
+      std::cout << "vntr_shutdown " << vntr_shutdown(100) << "\n";
+    }
+    const std::string marker = "main returned\n";
+    (void)!::write(reporter().reportFd, marker.data(), marker.size());
+    if (how == "exit") std::exit(0);
+    return 0;
   }
-  if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
-    return 1;
+
+  int lock(char** argv) {
+    const std::string how = argv[3];
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+      std::cerr << "cannot open " << argv[2] << "\n";
+      return 1;
+    }
+    sqlite3_busy_timeout(db, 5000);
+    if (how == "exclusive" &&
+        sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      return 1;
+    }
+    if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
+      return 1;
+    }
+    std::cout << "locked" << std::endl;
+    char buffer[256];
+    while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+    }
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close_v2(db);
+    return 0;
   }
-  std::cout << "locked" << std::endl;
-  char buffer[256];
-  while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-  }
-  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
-  sqlite3_close_v2(db);
-  return 0;
-}
 
 }  // namespace
 
@@ -298,5 +349,6 @@ int main(int argc, char** argv) {
   if (mode == "exit" && argc == 9) return exitWhile(argv);
   if (mode == "fork" && argc == 7) return forkHost(argv);
   if (mode == "lock" && argc == 4) return lock(argv);
+  if (mode == "fire" && argc == 7) return fire(argv);
   return usage();
 }
