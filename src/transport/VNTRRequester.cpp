@@ -49,6 +49,9 @@ void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
 }
 
 void VNTRRequester::endBatch() {
+  // Released only once the answers' deletes are done: earlier, another process could send the
+  // requests this reply is removing.
+  if (batchLock_) batchLock_->release();
   isRequesting.store(false);
   std::shared_ptr<const std::function<void()>> observer;
   {
@@ -104,7 +107,7 @@ void VNTRRequester::performRemoteRequests() {
   batchTimer()->invalidate();
   // Another process has a batch in flight on this queue file: try again at the next timer.
   if (batchLock_ && !batchLock_->tryAcquire()) {
-    isRequesting.store(false);
+    endBatch();
     fire();
     return;
   }
@@ -171,13 +174,6 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
   endBatch();
   // Offline: the reachability callback restarts the requester when the network returns.
   if (reachability_.isReachable()) fire();
-}
-
-void VNTRRequester::endBatch() {
-  // Released only once the answers' deletes are done: earlier, another process could send the
-  // requests this reply is removing.
-  if (batchLock_) batchLock_->release();
-  isRequesting.store(false);
 }
 
 namespace {

@@ -272,74 +272,74 @@ int forkHost(char** argv) {
   if (::waitpid(child, &status, 0) != child) return 6;
   if (!WIFEXITED(status)) return 7;
   return sent ? WEXITSTATUS(status) : 5;
-  // Runs in the delegate at the first eventCreated: a flush from inside a callback must not wait
-  // for (or deadlock on) the thread it runs on.
-  std::atomic<int> flushInCallback{-1};
-  std::atomic<int64_t> flushInCallbackMs{-1};
+}
 
-  void flushFromCallback() {
-    int expected = -1;
-    if (!flushInCallback.compare_exchange_strong(expected, -2)) return;
-    const auto started = std::chrono::steady_clock::now();
-    const bool empty = VNTRTagManager::flush(10s);
-    flushInCallbackMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::steady_clock::now() - started)
-                            .count();
-    flushInCallback = empty ? 1 : 0;
-  }
+// Runs in the delegate at the first eventCreated: a flush from inside a callback must not wait
+// for (or deadlock on) the thread it runs on.
+std::atomic<int> flushInCallback{-1};
+std::atomic<int64_t> flushInCallbackMs{-1};
 
-  int fire(char** argv) {
-    const fs::path dataDir = argv[2];
-    const fs::path report = argv[4];
-    const int64_t count = std::stoll(argv[5]);
-    const std::string how = argv[6];
-    const bool reachable = how == "flush";
-    setUpHost(dataDir, argv[3], report);
-    VNTRTagManager::updateReachabilityFlags(reachable ? kReachable : 0);
-    reporter().onCreated = reachable ? flushFromCallback : nullptr;
-    for (int64_t n = 0; n < count; ++n)
-      VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", n}});
-    if (how == "flush") {
-      std::cout << "flush " << VNTRTagManager::flush(20s) << "\n";
-      std::cout << "callback-flush " << flushInCallback << " " << (flushInCallbackMs < 1000)
-                << "\n";
-      VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", count}});
-      std::cout << "shutdown " << VNTRTagManager::shutdown(20s) << "\n";
-      const char* events[] = {"fault"};
-      std::cout << "vntr_fire_events " << vntr_fire_events(events, 1, "fault", nullptr) << "\n";
-      std::cout << "vntr_flush " << vntr_flush(100) << "\n";
-      std::cout << "vntr_shutdown " << vntr_shutdown(100) << "\n";
-    }
-    const std::string marker = "main returned\n";
-    (void)!::write(reporter().reportFd, marker.data(), marker.size());
-    if (how == "exit") std::exit(0);
-    return 0;
-  }
+void flushFromCallback() {
+  int expected = -1;
+  if (!flushInCallback.compare_exchange_strong(expected, -2)) return;
+  const auto started = std::chrono::steady_clock::now();
+  const bool empty = VNTRTagManager::flush(10s);
+  flushInCallbackMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::steady_clock::now() - started)
+                          .count();
+  flushInCallback = empty ? 1 : 0;
+}
 
-  int lock(char** argv) {
-    const std::string how = argv[3];
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-      std::cerr << "cannot open " << argv[2] << "\n";
-      return 1;
-    }
-    sqlite3_busy_timeout(db, 5000);
-    if (how == "exclusive" &&
-        sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-      return 1;
-    }
-    if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-      std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
-      return 1;
-    }
-    std::cout << "locked" << std::endl;
-    char buffer[256];
-    while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-    }
-    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
-    sqlite3_close_v2(db);
-    return 0;
+int fire(char** argv) {
+  const fs::path dataDir = argv[2];
+  const fs::path report = argv[4];
+  const int64_t count = std::stoll(argv[5]);
+  const std::string how = argv[6];
+  const bool reachable = how == "flush";
+  setUpHost(dataDir, argv[3], report);
+  VNTRTagManager::updateReachabilityFlags(reachable ? kReachable : 0);
+  reporter().onCreated = reachable ? flushFromCallback : nullptr;
+  for (int64_t n = 0; n < count; ++n) VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", n}});
+  if (how == "flush") {
+    std::cout << "flush " << VNTRTagManager::flush(20s) << "\n";
+    std::cout << "callback-flush " << flushInCallback << " " << (flushInCallbackMs < 1000) << "\n";
+    VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", count}});
+    std::cout << "shutdown " << VNTRTagManager::shutdown(20s) << "\n";
+    const char* events[] = {"fault"};
+    std::cout << "vntr_fire_events " << vntr_fire_events(events, 1, "fault", nullptr) << "\n";
+    std::cout << "vntr_flush " << vntr_flush(100) << "\n";
+    std::cout << "vntr_shutdown " << vntr_shutdown(100) << "\n";
   }
+  const std::string marker = "main returned\n";
+  (void)!::write(reporter().reportFd, marker.data(), marker.size());
+  if (how == "exit") std::exit(0);
+  return 0;
+}
+
+int lock(char** argv) {
+  const std::string how = argv[3];
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    std::cerr << "cannot open " << argv[2] << "\n";
+    return 1;
+  }
+  sqlite3_busy_timeout(db, 5000);
+  if (how == "exclusive" &&
+      sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return 1;
+  }
+  if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
+    return 1;
+  }
+  std::cout << "locked" << std::endl;
+  char buffer[256];
+  while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+  }
+  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close_v2(db);
+  return 0;
+}
 
 }  // namespace
 
