@@ -20,6 +20,7 @@
 #include "store/EventDataManager.hpp"
 #include "transport/BatchLock.hpp"
 #include "transport/HTTPClient.hpp"
+#include "transport/HTTPSupport.hpp"
 #include "transport/VNTRRequester.hpp"
 
 namespace vntr {
@@ -126,8 +127,11 @@ Runtime::Runtime(RuntimeOptions options)
                                          : standardUserDefaults()),
       reachabilitySource_(options.reachabilitySource),
       initialReachabilityFlags_(options.initialReachabilityFlags),
-      consentCheckURL_(options.consentCheckURL.empty() ? kDefaultConsentCheckURL
-                                                       : std::move(options.consentCheckURL)) {
+      consentCheckURL_(std::move(options.consentCheckURL)),
+      retryBackoff_(std::move(options.retryBackoff)) {
+  if (!retryBackoff_) {
+    retryBackoff_ = [] { return VNTRPreferences::sharedPreferences().retryBackoff(); };
+  }
   if (!httpClient_ || !consentGet_) network_ = std::make_shared<HTTPClient>();
   if (!httpClient_) httpClient_ = network_;
   if (!consentGet_) {
@@ -153,6 +157,13 @@ Runtime::~Runtime() {
   reachability_.reset();
   requester_.reset();
   store_.reset();
+}
+
+std::string Runtime::consentCheckURL() const {
+  if (!consentCheckURL_.empty()) return consentCheckURL_;
+  const auto& preferences = VNTRPreferences::sharedPreferences();
+  if (auto url = preferences.consentCheckURL(); !url.empty()) return url;
+  return consentCheckURLFor(preferences.serverURL());
 }
 
 const std::optional<std::string>& Runtime::siteID() {
@@ -246,7 +257,8 @@ VNTRRequester& Runtime::requester() {
                                                        "requests_Data.sqlite-batchlock");
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
-        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, std::move(batchLock));
+        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_,
+        RetryBackoff::Random{}, std::move(batchLock));
     requester_->setBatchEndedObserver([this] { noteBatchEnded(); });
     createdRequester_.store(requester_.get());
   });

@@ -10,7 +10,10 @@
 #include <vntr/Executor.hpp>
 
 #include "model/VNTRMethodProtocol.hpp"
+#include "transport/BatchOutcome.hpp"
+#include "transport/BatchSizer.hpp"
 #include "transport/HTTPClientProtocol.hpp"
+#include "transport/RetryBackoff.hpp"
 #include "transport/VNTRBatchDispatch.hpp"
 #include "transport/VNTRTimer.hpp"
 
@@ -19,6 +22,7 @@ namespace vntr {
 class BatchLock;
 class EventDataManager;
 class VNTRReachability;
+class VNTRSyncEvent;
 
 /// The batching sender. Decides when a batch goes out, takes up to 80 of the newest queued
 /// event requests plus one get-events request, posts them as one JSON array, hands each answer
@@ -37,13 +41,17 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
   using GetEventsFactory = std::function<std::shared_ptr<VNTRMethodProtocol>()>;
   using ServerURL = std::function<std::string()>;
+  using Switch = std::function<bool()>;
 
   /// `makeGetEvents` runs on the store queue and may yield nothing (the batch then goes without
-  /// it); `serverURL` is read at each batch. `batchLock`, when given, is held from the dequeue
-  /// until the reply is handled, so processes sharing the queue file never send at once.
+  /// it); `serverURL` is read at each batch; `retryBackoff` after each reply (empty: off), with
+  /// `random` as the backoff's jitter source (empty: a seeded generator). `batchLock`, when
+  /// given, is held from the dequeue until the reply is handled, so processes sharing the queue
+  /// file never send at once.
   VNTRRequester(Executor& mainQueue, EventDataManager& store, VNTRReachability& reachability,
                 std::shared_ptr<HTTPClientProtocol> httpClient, GetEventsFactory makeGetEvents,
-                ServerURL serverURL, std::shared_ptr<BatchLock> batchLock = nullptr);
+                ServerURL serverURL, Switch retryBackoff = {}, RetryBackoff::Random random = {},
+                std::shared_ptr<BatchLock> batchLock = nullptr);
 
   /// Asks for the next batch: arms the timer with `nextBatchInterval` unless a timer is armed
   /// (or stale) or a batch is in flight. Returns at once.
@@ -69,17 +77,32 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
  private:
   using PendingTable = detail::PendingTable;
+  /// What the reply handling needs to know about the batch it answers.
+  struct SentBatch {
+    int64_t requests = 0;
+    std::shared_ptr<VNTRSyncEvent> only;  // the stored request, when there was just one
+  };
 
   void fireOnMainQueue();
   void endBatch();
-  void handleReply(PendingTable& pending, std::optional<std::string> data,
-                   std::optional<HTTPURLResponse> response);
+  std::string buildBody(PendingTable& pending, SentBatch& sent);
+  void handleReply(PendingTable& pending, const SentBatch& sent, std::optional<std::string> data,
+                   std::optional<HTTPURLResponse> response, std::optional<HTTPError> error);
+  /// Sizing, dropping a request the server never accepts, and backoff; before `fire()`.
+  void settle(const BatchOutcome& outcome, const SentBatch& sent);
 
   Executor& mainQueue_;
   EventDataManager& store_;
   VNTRReachability& reachability_;
   GetEventsFactory makeGetEvents_;
   ServerURL serverURL_;
+  Switch retryBackoff_;
+  BatchSizer sizer_{maxEventsPerBatch};
+  RetryBackoff backoff_;
+  // Backoff's wait for the next timer; taken (and cleared) when that timer is armed.
+  std::atomic<double> backoffDelay_{0.0};
+  // A timer armed with a backoff wait has not come due yet: fire-now leaves it alone.
+  std::atomic<bool> holdingForBackoff_{false};
   const std::shared_ptr<BatchLock> batchLock_;
 
   mutable std::mutex mutex_;
