@@ -1,8 +1,11 @@
 #include "Runtime.hpp"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <vector>
 #include <vntr/UserDefaults.hpp>
 
 #include "core/Extensions.hpp"
@@ -16,6 +19,7 @@
 #include "model/VNTRGetEvents.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
+#include "transport/BatchLock.hpp"
 #include "transport/HTTPClient.hpp"
 #include "transport/HTTPSupport.hpp"
 #include "transport/VNTRRequester.hpp"
@@ -28,33 +32,66 @@ struct SharedRuntimeSettings {
   bool created = false;                      // guarded by mutex
   std::optional<uint32_t> hostReachability;  // guarded by mutex
   std::optional<std::string> hostSiteID;     // guarded by mutex
+  std::atomic<Runtime*> current{nullptr};    // written under mutex and by the fork child
+  std::vector<Runtime*> abandoned;           // parents' runtimes in a forked child; leaked
 };
 
 SharedRuntimeSettings& sharedSettings() {
   static auto* const settings = new SharedRuntimeSettings;  // never destroyed
   return *settings;
 }
+
+// The child of a fork has none of the parent's threads: it leaves the parent's runtime behind
+// (never destroyed, its connections and handles never used) and builds its own at its next
+// call. Held across the fork, the mutex keeps a runtime from being half made in the child.
+void installForkHandlers() {
+  pthread_atfork([] { sharedSettings().mutex.lock(); }, [] { sharedSettings().mutex.unlock(); },
+                 [] {
+                   auto& settings = sharedSettings();
+                   if (auto* parents = settings.current.exchange(nullptr)) {
+                     parents->abandonAfterFork();
+                     settings.abandoned.push_back(parents);
+                   }
+                   settings.mutex.unlock();
+                 });
+}
 }  // namespace
 
 Runtime& Runtime::shared() {
-  static auto* const runtime = [] {
-    RuntimeOptions options;
-    auto& settings = sharedSettings();
-    std::scoped_lock lock(settings.mutex);
-    settings.created = true;
-    if (settings.hostReachability) {
-      options.reachabilitySource = VNTRReachability::Source::host;
-      options.initialReachabilityFlags = *settings.hostReachability;
-    }
-    options.siteID = settings.hostSiteID;
-    auto* const created = new Runtime(std::move(options));  // never destroyed
-    created->processWide_ = true;
+  auto& settings = sharedSettings();
+  if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
+  std::scoped_lock lock(settings.mutex);
+  if (auto* runtime = settings.current.load(std::memory_order_acquire)) return *runtime;
+  RuntimeOptions options;
+  if (settings.hostReachability) {
+    options.reachabilitySource = VNTRReachability::Source::host;
+    options.initialReachabilityFlags = *settings.hostReachability;
+  }
+  options.siteID = settings.hostSiteID;
+  auto* runtime = new Runtime(std::move(options));  // never destroyed
+  runtime->processWide_ = true;
+  if (!settings.created) {
+    // After the runtime's parts have installed theirs: fork takes this mutex first, in the
+    // order this function takes it (before the main queue's), and so can never deadlock with it.
+    installForkHandlers();
     // Registered after the transport's own exit handler (made by the constructor), so it runs
-    // first: the store commits while the transport still works and before anything is torn down.
-    std::atexit([] { Runtime::shared().finishAtExit(); });
-    return created;
-  }();
+    // first: the store commits while the transport still works and before anything is torn
+    // down. A forked child finishes its own runtime, if it made one, never the parent's.
+    std::atexit([] {
+      if (auto* current = sharedSettings().current.load(std::memory_order_acquire)) {
+        current->finishAtExit();
+      }
+    });
+  }
+  settings.created = true;
+  settings.current.store(runtime, std::memory_order_release);
   return *runtime;
+}
+
+void Runtime::abandonAfterFork() {
+  // Only the store needs a word: SQLite must not keep the parent's connection in this process.
+  // The rest (threads that are gone, curl handles, sockets, queued work) is simply never used.
+  if (store_) store_->abandonAfterFork();
 }
 
 bool Runtime::useHostReachability(uint32_t initialFlags) {
@@ -242,9 +279,15 @@ VNTRRequester& Runtime::requester() {
       };
       return VNTRGetEvents::make(env);
     };
+    // Without a directory the queue lives in memory and is this process's alone.
+    auto batchLock = paths_.documentsDirectory.empty()
+                         ? nullptr
+                         : std::make_shared<BatchLock>(paths_.documentsDirectory /
+                                                       "requests_Data.sqlite-batchlock");
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
-        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_);
+        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_,
+        RetryBackoff::Random{}, std::move(batchLock));
     requester_->setBatchEndedObserver([this] { noteBatchEnded(); });
     createdRequester_.store(requester_.get());
   });

@@ -74,6 +74,9 @@ class Runtime {
   enum class FlushResult { empty, timedOut, shutDown };
 
   explicit Runtime(RuntimeOptions options);
+  /// In a forked child, on its only thread: lets go of what belongs to the parent without
+  /// writing through it. The runtime is not used afterwards.
+  void abandonAfterFork();
   /// Stops the components' threads in dependency order; work not yet done is dropped.
   ~Runtime();
   Runtime(const Runtime&) = delete;

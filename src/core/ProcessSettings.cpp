@@ -36,7 +36,23 @@ bool setOverride(std::filesystem::path ProcessPaths::*member, std::filesystem::p
   return true;
 }
 
-ProcessPaths resolve(ProcessPaths paths) {
+// Defaults that fell back to the shared /tmp are used only when the directory there is ours;
+// otherwise the queue stays in memory and the user defaults are neither read nor written, so no
+// one else can plant a file that grants consent. Returns the line to log, if any.
+std::optional<std::string> distrustForeignFallback(ProcessPaths& paths, const std::string& app) {
+  const auto fallback = fallbackDirectory(app);
+  if (paths.documentsDirectory != fallback && paths.userDefaultsFile.parent_path() != fallback) {
+    return std::nullopt;
+  }
+  const auto reason = claimPrivateDirectory(fallback);
+  if (!reason) return std::nullopt;
+  if (paths.documentsDirectory == fallback) paths.documentsDirectory.clear();
+  if (paths.userDefaultsFile.parent_path() == fallback) paths.userDefaultsFile.clear();
+  return "Not using " + fallback.string() + " because " + *reason +
+         ". Events are kept in memory and user defaults are not saved.";
+}
+
+ProcessPaths resolve(ProcessPaths paths, std::optional<std::string>& warning) {
   const auto environment = processEnvironment();
   const auto executable = runningExecutable();
   if (paths.mainBundleDirectory.empty()) paths.mainBundleDirectory = executable.directory;
@@ -48,6 +64,7 @@ ProcessPaths resolve(ProcessPaths paths) {
     if (paths.userDefaultsFile.empty()) {
       paths.userDefaultsFile = defaultUserDefaultsFile(app, environment);
     }
+    warning = distrustForeignFallback(paths, app);
   }
   return paths;
 }
@@ -71,17 +88,21 @@ const ProcessPaths& processPaths() {
   if (const auto* paths = s.frozen.load(std::memory_order_acquire)) return *paths;
 
   std::optional<std::string> directoryError;
+  std::optional<std::string> fallbackWarning;
   const ProcessPaths* result = nullptr;
   {
     std::scoped_lock lock(s.mutex);
     result = s.frozen.load(std::memory_order_acquire);
     if (result == nullptr) {
       // Resolved once for the whole process and never destroyed: callers keep references.
-      result = new ProcessPaths(resolve(s.overrides));
-      directoryError = createPrivateDirectories(result->documentsDirectory);
+      result = new ProcessPaths(resolve(s.overrides, fallbackWarning));
+      if (!result->documentsDirectory.empty()) {
+        directoryError = createPrivateDirectories(result->documentsDirectory);
+      }
       s.frozen.store(result, std::memory_order_release);
     }
   }
+  if (fallbackWarning) Debug(VantrelLogLevel::error, *fallbackWarning);
   if (directoryError) {
     Debug(VantrelLogLevel::error, "Unable to create the documents directory: " + *directoryError);
   }

@@ -9,8 +9,11 @@ struct ProcessPaths {
   /// Holds "VantrelTagManagerSDKInfo.plist" and "Info.plist"; default: the executable's directory.
   std::filesystem::path mainBundleDirectory;
   /// Holds the request queue; default $XDG_DATA_HOME/<app>/. Created (mode 0700) if missing.
+  /// Empty when the only place left was a /tmp directory someone else controls: the queue is
+  /// then kept in memory.
   std::filesystem::path documentsDirectory;
-  /// The standard user defaults; default $XDG_CONFIG_HOME/<app>/UserDefaults.json.
+  /// The standard user defaults; default $XDG_CONFIG_HOME/<app>/UserDefaults.json. Empty in the
+  /// same case: the values are then kept in memory only.
   std::filesystem::path userDefaultsFile;
 };
 

@@ -11,6 +11,7 @@
 #include <exception>
 #include <mutex>
 
+#include "core/ForkGate.hpp"
 #include "core/VNTRDebug.hpp"
 
 namespace vntr {
@@ -90,14 +91,19 @@ void SerialExecutor::stop() {
 }
 
 void SerialExecutor::post(Task task) {
-  asio::post(state_->context, [task = std::move(task)] { runGuarded(task); });
+  asio::post(state_->context, [task = std::move(task)] {
+    const forkgate::Task gate;
+    runGuarded(task);
+  });
 }
 
 void SerialExecutor::postAfter(std::chrono::nanoseconds delay, Task task) {
   auto timer = std::make_shared<asio::steady_timer>(state_->context);
   timer->expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(delay));
   timer->async_wait([timer, task = std::move(task)](const std::error_code& ec) {
-    if (!ec) runGuarded(task);
+    if (ec) return;
+    const forkgate::Task gate;
+    runGuarded(task);
   });
 }
 
@@ -110,6 +116,7 @@ void SerialExecutor::performAndWait(const Task& task) {
   // `task` is borrowed: this call returns only after the task ran or was dropped with its
   // thread, so the reference never outlives it.
   asio::post(state_->context, [state = state_, waiter, &task] {
+    const forkgate::Task gate;
     try {
       task();
     } catch (abi::__forced_unwind&) {
@@ -135,6 +142,7 @@ bool SerialExecutor::performAndWaitUntil(std::chrono::steady_clock::time_point d
   }
   auto waiter = std::make_shared<Waiter>();
   asio::post(state_->context, [state = state_, waiter, task = std::move(task)] {
+    const forkgate::Task gate;
     runGuarded(task);
     {
       std::scoped_lock lock(state->mutex);

@@ -148,7 +148,8 @@ void UserDefaults::write(const std::string& key, std::optional<Value> value) {
       changed = found->second != *value;
       found->second = std::move(*value);
     }
-    if (changed) saveError = writeFileAtomically(impl_->file, serialise(values));
+    if (changed && !impl_->file.empty())
+      saveError = writeFileAtomically(impl_->file, serialise(values));
     for (const auto& [token, registration] : impl_->observers) {
       for (const auto& observed : registration.keys) {
         if (observed == key) {

@@ -446,7 +446,7 @@ VNTRSyncEvent::VNTRSyncEvent(EventDataManager& store, int64_t rowId, std::string
 
 void VNTRSyncEvent::processResult(const nlohmann::json& /*result*/) {
   reportStatistic(VNTRStatistic::eventResultProcessed, 1);
-  store_.remove(rowId_);
+  store_.remove(rowId_, id_);
   // Answers dispatched together share one commit (see performAndWaitJoiningSaves).
   store_.saveContextThen([] {});
 }

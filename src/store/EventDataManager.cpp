@@ -1,5 +1,7 @@
 #include "store/EventDataManager.hpp"
 
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cassert>
@@ -50,7 +52,8 @@ class EventDataManager::Impl {
   void saveContextThen(Executor::Task afterSave);
   bool hasChanges() const { return changes_.hasChanges(); }
   int64_t insert(std::string id, std::string jsonData, double timeStamp);
-  void remove(int64_t pk);
+  void remove(int64_t pk, const std::string& id);
+  void abandonAfterFork();
 
   Executor& queue() { return *queue_; }
   StoreKind kind() const { return kind_.load(); }
@@ -58,6 +61,7 @@ class EventDataManager::Impl {
 
  private:
   void assertOnQueue() const { assert(queue_->isCurrent()); }
+  void reportOverflow();
   // Ends a transaction left open with nothing to save (a failed commit rolls back).
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
@@ -69,7 +73,7 @@ class EventDataManager::Impl {
 
   // Confined to the queue.
   std::unique_ptr<sqlite::Database> db_;
-  int64_t nextPk_ = 1;
+  int64_t nextProvisionalKey_ = store::kFirstProvisionalKey;
   store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
@@ -83,7 +87,6 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
   kind_.store(opened.kind);
-  nextPk_ = opened.nextPk;
 }
 
 void EventDataManager::Impl::close() {
@@ -221,10 +224,13 @@ void EventDataManager::Impl::removeOldest(int64_t count) {
   }
   std::vector<std::pair<double, int64_t>> pending;
   for (const auto& row : changes_.inserted()) pending.emplace_back(row.timeStamp, row.pk);
-  std::sort(pending.begin(), pending.end());
+  const auto olderThan = [](const auto& a, const auto& b) {
+    return store::newerThan(b.first, b.second, a.first, a.second);
+  };
+  std::sort(pending.begin(), pending.end(), olderThan);
   std::vector<std::pair<double, int64_t>> victims;
   std::merge(saved.begin(), saved.end(), pending.begin(), pending.end(),
-             std::back_inserter(victims));
+             std::back_inserter(victims), olderThan);
   if (!all && static_cast<int64_t>(victims.size()) > count) {
     victims.resize(static_cast<size_t>(count));
   }
@@ -314,6 +320,7 @@ void EventDataManager::Impl::saveContext() {
             "Saving event queue failed with: " + error.message + ", " + describe(error));
     }
   }
+  reportOverflow();
   if (afterSave_.empty()) return;
   auto callbacks = std::move(afterSave_);
   afterSave_.clear();
@@ -336,18 +343,58 @@ int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, dou
     changes_.noteDropped();
     return -1;
   }
-  const int64_t pk = nextPk_++;
+  const int64_t pk = nextProvisionalKey_++;
   changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp});
   return pk;
 }
 
-void EventDataManager::Impl::remove(int64_t pk) {
+void EventDataManager::Impl::reportOverflow() {
+  if (const size_t dropped = changes_.takeOverflowed(); dropped > 0) {
+    Debug(VantrelLogLevel::error, "Event queue cannot be saved and holds " +
+                                      std::to_string(store::UnitOfWork::kMaxPendingInserts) +
+                                      " unsaved requests: dropped the " + std::to_string(dropped) +
+                                      " oldest");
+  }
+}
+
+void EventDataManager::Impl::remove(int64_t pk, const std::string& id) {
   assertOnQueue();
   if (changes_.dropInsert(pk)) return;
-  if (!db_ || changes_.isDeleted(pk)) return;
+  if (!db_) return;
+  if (store::isProvisional(pk)) {
+    // Handed out before its save: the save gave it a row id, found by its request id (unique
+    // for every request that can be answered after a save).
+    if (id == nilID) return;
+    auto select = db_->statement(store::kSelectById);
+    select.bindText(1, id);
+    select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
+    while (select.step() == sqlite::Statement::Step::row) {
+      if (!changes_.isDeleted(select.columnInt64(0))) {
+        changes_.markDeleted(select.columnInt64(0));
+        return;
+      }
+    }
+    return;
+  }
+  if (changes_.isDeleted(pk)) return;
   auto exists = db_->statement(store::kExists);
   exists.bind(1, pk);
   if (exists.step() == sqlite::Statement::Step::row) changes_.markDeleted(pk);
+}
+
+void EventDataManager::Impl::abandonAfterFork() {
+  // The child's only thread runs this; the store thread stayed in the parent. SQLite keeps one
+  // record of locks per file and process, so a connection left open here would make the
+  // child's new one believe it holds the parent's locks, and another process could then
+  // delete the write-ahead log under it. Closed without the checkpoint SQLite runs when the
+  // last connection closes, it leaves the parent's files alone.
+  if (db_) {
+    sqlite3_db_config(db_->handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    db_.reset();
+  }
+  // Unsaved builds belong to the parent, which stores them.
+  changes_ = store::UnitOfWork{};
+  afterSave_.clear();
 }
 
 // --- EventDataManager ---
@@ -420,6 +467,7 @@ bool EventDataManager::hasChanges() const { return impl_->hasChanges(); }
 int64_t EventDataManager::insert(std::string id, std::string jsonData, double timeStamp) {
   return impl_->insert(std::move(id), std::move(jsonData), timeStamp);
 }
-void EventDataManager::remove(int64_t rowId) { impl_->remove(rowId); }
+void EventDataManager::remove(int64_t rowId, const std::string& id) { impl_->remove(rowId, id); }
+void EventDataManager::abandonAfterFork() { impl_->abandonAfterFork(); }
 
 }  // namespace vntr

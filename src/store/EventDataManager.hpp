@@ -99,8 +99,16 @@ class EventDataManager {
   bool hasChanges() const;
   /// Adds a request; returns its row id, or -1 when there is no store.
   int64_t insert(std::string id, std::string jsonData, double timeStamp);
-  /// Deletes the request with this row id; unknown ids are ignored.
-  void remove(int64_t rowId);
+  /// Deletes the request with this row id. A request handed out before its save still carries a
+  /// provisional row id; the save's row is then found by its request `id`. Unknown ids are
+  /// ignored.
+  void remove(int64_t rowId, const std::string& id = nilID);
+
+  /// In a forked child, before anything else touches the store: lets go of the parent's
+  /// connection and unsaved changes without writing anything, so the parent's files stay
+  /// untouched; every later operation behaves as a store with no database. Any thread (the
+  /// child has one).
+  void abandonAfterFork();
 
  private:
   class Impl;

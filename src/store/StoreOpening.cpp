@@ -94,9 +94,6 @@ bool attempt(StoreKind kind, const std::filesystem::path& path,
     return false;
   };
   if (!prepareDatabase(*db, onDisk)) return fail();
-  auto maxPk = db->statement(kMaxPk);
-  if (maxPk.step() != sqlite::Statement::Step::row) return fail();
-  out.nextPk = maxPk.columnInt64(0) + 1;
   out.db = std::move(db);
   out.kind = kind;
   return true;
@@ -108,16 +105,20 @@ OpenedStore openStore(const std::filesystem::path& documentsDirectory,
                       const EventDataManager::AttemptFilter& allowed) {
   OpenedStore out;
   bool lockedByOther = false;
-  std::error_code ec;
-  std::filesystem::create_directories(documentsDirectory, ec);
-  const auto path = documentsDirectory / kStoreFileName;
-  if (attempt(StoreKind::sqlite, path, allowed, out, lockedByOther)) return out;
-  Debug(VantrelLogLevel::error,
-        "Failed to initialize the event store.  Attempting to create new store.");
-  // A file another process keeps locked is not broken: it is left alone, not deleted.
-  if (!lockedByOther && deleteStoreFile(path) &&
-      attempt(StoreKind::recreated, path, allowed, out, lockedByOther)) {
-    return out;
+  // No directory: there was no private place on disk for the queue (see processPaths).
+  const auto path =
+      documentsDirectory.empty() ? documentsDirectory : documentsDirectory / kStoreFileName;
+  if (!path.empty()) {
+    std::error_code ec;
+    std::filesystem::create_directories(documentsDirectory, ec);
+    if (attempt(StoreKind::sqlite, path, allowed, out, lockedByOther)) return out;
+    Debug(VantrelLogLevel::error,
+          "Failed to initialize the event store.  Attempting to create new store.");
+    // A file another process keeps locked is not broken: it is left alone, not deleted.
+    if (!lockedByOther && deleteStoreFile(path) &&
+        attempt(StoreKind::recreated, path, allowed, out, lockedByOther)) {
+      return out;
+    }
   }
   Debug(VantrelLogLevel::error,
         "Failed to initialize new event store.  Will attempt in memory storage.");

@@ -9,12 +9,10 @@
 
 namespace vntr::store {
 
-/// What the fallback chain ended with: the connection (null for `none`), how it was got, and
-/// the row id the next insert takes.
+/// What the fallback chain ended with: the connection (null for `none`) and how it was got.
 struct OpenedStore {
   std::unique_ptr<sqlite::Database> db;
   EventDataManager::StoreKind kind = EventDataManager::StoreKind::none;
-  int64_t nextPk = 1;
 };
 
 /// Opens the queue in `documentsDirectory` (created when missing): the file as found; else,

@@ -7,7 +7,10 @@ namespace vntr::store {
 void UnitOfWork::insert(Row row) {
   insertedIds_.insert(row.id);
   inserted_.push_back(std::move(row));
-  if (inserted_.size() > kMaxPendingInserts) dropInsert(inserted_.begin());
+  if (inserted_.size() > kMaxPendingInserts) {
+    dropInsert(inserted_.begin());
+    ++overflowed_;
+  }
 }
 
 void UnitOfWork::dropInsert(std::deque<Row>::iterator row) {
@@ -49,8 +52,8 @@ bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
   }
   for (const auto& row : inserted_) {
     auto ins = db.statement(kInsert);
-    const bool bound = ins.bind(1, row.pk) && ins.bindText(2, row.id) &&
-                       ins.bindBlob(3, row.jsonData) && ins.bind(4, row.timeStamp);
+    const bool bound =
+        ins.bindText(1, row.id) && ins.bindBlob(2, row.jsonData) && ins.bind(3, row.timeStamp);
     if (!bound || ins.step() != sqlite::Statement::Step::done) return fail();
   }
   if (!db.exec("COMMIT")) return fail();

@@ -5,6 +5,7 @@
 #include <deque>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "store/Sqlite.hpp"
@@ -17,8 +18,9 @@ namespace vntr::store {
 /// transaction. Confined to the store queue, like the connection.
 class UnitOfWork {
  public:
-  /// Unsaved inserts kept while saves keep failing (a full disk); past it the oldest go first,
-  /// as the start-up trim would drop them anyway.
+  /// Unsaved inserts kept while saves keep failing (a full disk): about 15 MB of typical
+  /// requests. Past it the oldest go first, as the start-up trim would drop them anyway; they
+  /// are counted, and the store logs the count.
   static constexpr size_t kMaxPendingInserts = 10000;
 
   bool hasChanges() const { return !inserted_.empty() || !deleted_.empty() || dropped_; }
@@ -40,6 +42,8 @@ class UnitOfWork {
   void noteDropped() { dropped_ = true; }
   /// Clears the note of `noteDropped`; the loss has been reported.
   void forgetDropped() { dropped_ = false; }
+  /// How many unsaved inserts went over kMaxPendingInserts since the last call; resets it.
+  size_t takeOverflowed() { return std::exchange(overflowed_, 0); }
 
   /// Writes the changes in one transaction (joining one a burst has begun). On failure fills
   /// `error`, rolls back and keeps the changes; on success forgets them.
@@ -52,6 +56,7 @@ class UnitOfWork {
   std::unordered_multiset<std::string> insertedIds_;
   std::unordered_set<int64_t> deleted_;
   bool dropped_ = false;
+  size_t overflowed_ = 0;
 };
 
 }  // namespace vntr::store

@@ -7,6 +7,7 @@
 #include "core/VNTRStatistic.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
+#include "transport/BatchLock.hpp"
 #include "transport/VNTRReachability.hpp"
 #include "transport/VNTRRequestResponse.hpp"
 
@@ -16,7 +17,8 @@ VNTRRequester::VNTRRequester(Executor& mainQueue, EventDataManager& store,
                              VNTRReachability& reachability,
                              std::shared_ptr<HTTPClientProtocol> httpClient,
                              GetEventsFactory makeGetEvents, ServerURL serverURL,
-                             Switch retryBackoff, RetryBackoff::Random random)
+                             Switch retryBackoff, RetryBackoff::Random random,
+                             std::shared_ptr<BatchLock> batchLock)
     : mainQueue_(mainQueue),
       store_(store),
       reachability_(reachability),
@@ -24,6 +26,7 @@ VNTRRequester::VNTRRequester(Executor& mainQueue, EventDataManager& store,
       serverURL_(std::move(serverURL)),
       retryBackoff_(std::move(retryBackoff)),
       backoff_(std::move(random)),
+      batchLock_(std::move(batchLock)),
       batchTimer_(std::make_shared<VNTRTimer>()),
       httpClient_(std::move(httpClient)) {}
 
@@ -49,6 +52,9 @@ void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
 }
 
 void VNTRRequester::endBatch() {
+  // Released only once the answers' deletes are done: earlier, another process could send the
+  // requests this reply is removing.
+  if (batchLock_) batchLock_->release();
   isRequesting.store(false);
   std::shared_ptr<const std::function<void()>> observer;
   {
@@ -110,6 +116,12 @@ void VNTRRequester::performRemoteRequests() {
   if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
   isRequesting.store(true);
   batchTimer()->invalidate();
+  // Another process has a batch in flight on this queue file: try again at the next timer.
+  if (batchLock_ && !batchLock_->tryAcquire()) {
+    endBatch();
+    fire();
+    return;
+  }
 
   auto pending = std::make_shared<PendingTable>();
   SentBatch sent;

@@ -19,6 +19,7 @@
 
 namespace vntr {
 
+class BatchLock;
 class EventDataManager;
 class VNTRReachability;
 class VNTRSyncEvent;
@@ -44,10 +45,13 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
   /// `makeGetEvents` runs on the store queue and may yield nothing (the batch then goes without
   /// it); `serverURL` is read at each batch; `retryBackoff` after each reply (empty: off), with
-  /// `random` as the backoff's jitter source (empty: a seeded generator).
+  /// `random` as the backoff's jitter source (empty: a seeded generator). `batchLock`, when
+  /// given, is held from the dequeue until the reply is handled, so processes sharing the queue
+  /// file never send at once.
   VNTRRequester(Executor& mainQueue, EventDataManager& store, VNTRReachability& reachability,
                 std::shared_ptr<HTTPClientProtocol> httpClient, GetEventsFactory makeGetEvents,
-                ServerURL serverURL, Switch retryBackoff = {}, RetryBackoff::Random random = {});
+                ServerURL serverURL, Switch retryBackoff = {}, RetryBackoff::Random random = {},
+                std::shared_ptr<BatchLock> batchLock = nullptr);
 
   /// Asks for the next batch: arms the timer with `nextBatchInterval` unless a timer is armed
   /// (or stale) or a batch is in flight. Returns at once.
@@ -103,6 +107,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   std::atomic<double> backoffDelay_{0.0};
   // A timer armed with a backoff wait has not come due yet: fire-now leaves it alone.
   std::atomic<bool> holdingForBackoff_{false};
+  const std::shared_ptr<BatchLock> batchLock_;
 
   mutable std::mutex mutex_;
   std::shared_ptr<VNTRTimer> batchTimer_;                    // guarded by mutex_

@@ -1,10 +1,12 @@
 #include "platform/linux/Paths.hpp"
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "platform/linux/PropertyList.hpp"
@@ -22,19 +24,34 @@ std::optional<std::filesystem::path> absoluteVariable(const EnvironmentLookup& e
   return std::filesystem::path(*value);
 }
 
-std::filesystem::path fallbackBase(const std::string& appName) {
-  return std::filesystem::path("/tmp") / (appName + "-" + std::to_string(::getuid()));
-}
-
 std::filesystem::path xdgDirectory(const std::string& variable, const char* homeRelative,
                                    const std::string& appName,
                                    const EnvironmentLookup& environment) {
   if (auto base = absoluteVariable(environment, variable)) return *base / appName;
   if (auto home = homeDirectory(environment)) return *home / homeRelative / appName;
-  return fallbackBase(appName);
+  return fallbackDirectory(appName);
 }
 
 }  // namespace
+
+std::filesystem::path fallbackDirectory(const std::string& appName) {
+  return std::filesystem::path("/tmp") / (appName + "-" + std::to_string(::getuid()));
+}
+
+std::optional<std::string> claimPrivateDirectory(const std::filesystem::path& directory) {
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    return std::string("it cannot be created: ") + std::strerror(errno);
+  }
+  struct stat info {};
+  if (::lstat(directory.c_str(), &info) != 0) {
+    return std::string("it cannot be examined: ") + std::strerror(errno);
+  }
+  if (S_ISLNK(info.st_mode)) return "it is a symbolic link";
+  if (!S_ISDIR(info.st_mode)) return "it is not a directory";
+  if (info.st_uid != ::getuid()) return "it belongs to uid " + std::to_string(info.st_uid);
+  if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "others can write to it";
+  return std::nullopt;
+}
 
 EnvironmentLookup processEnvironment() {
   return [](const std::string& name) -> std::optional<std::string> {

@@ -34,6 +34,15 @@ std::string appNameFor(const std::optional<std::string>& bundleIdentifier,
 /// The user's home: $HOME, else the password database's entry. Nothing when neither is known.
 std::optional<std::filesystem::path> homeDirectory(const EnvironmentLookup& environment);
 
+/// /tmp/<app>-<uid>: where the library keeps its files when the user has no home.
+std::filesystem::path fallbackDirectory(const std::string& appName);
+
+/// Makes `directory` (in a place others can write, like /tmp) the user's own: creates it with
+/// mode 0700 when missing, else accepts it only when it is a real directory (not a symbolic
+/// link) owned by the user that neither group nor others can write. Nothing when it may be
+/// used, else the reason. Another local user could otherwise plant files there first.
+std::optional<std::string> claimPrivateDirectory(const std::filesystem::path& directory);
+
 /// $XDG_DATA_HOME/<app>/, defaulting to ~/.local/share/<app>/; without any home
 /// /tmp/<app>-<uid>/. Relative XDG values are ignored, as the XDG rules require.
 std::filesystem::path defaultDocumentsDirectory(const std::string& appName,

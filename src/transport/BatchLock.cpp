@@ -1,0 +1,94 @@
+#include "transport/BatchLock.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <unordered_set>
+
+#include "core/VNTRDebug.hpp"
+
+namespace vntr {
+
+/// Every live lock, so a forked child can let go of the descriptors it inherited. The mutex is
+/// held across fork() so the child finds the set consistent.
+struct BatchLockRegistry {
+  std::mutex mutex;
+  std::unordered_set<BatchLock*> locks;  // guarded by mutex
+
+  static BatchLockRegistry& instance() {
+    static auto* const registry = [] {
+      auto* r = new BatchLockRegistry;  // never destroyed: fork handlers reach it at any time
+      pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
+                     [] {
+                       auto& self = instance();
+                       for (auto* lock : self.locks) lock->abandonInChild();
+                       self.mutex.unlock();
+                     });
+      return r;
+    }();
+    return *registry;
+  }
+};
+
+BatchLock::BatchLock(std::filesystem::path file) : file_(std::move(file)) {
+  auto& registry = BatchLockRegistry::instance();
+  std::scoped_lock lock(registry.mutex);
+  registry.locks.insert(this);
+}
+
+BatchLock::~BatchLock() {
+  release();
+  auto& registry = BatchLockRegistry::instance();
+  std::scoped_lock lock(registry.mutex);
+  registry.locks.erase(this);
+}
+
+bool BatchLock::tryAcquire() {
+  std::scoped_lock lock(mutex_);
+  if (fd_ >= 0) return true;
+  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    Debug(VantrelLogLevel::warning, "Unable to open the batch lock " + file_.string() + ": " +
+                                        std::strerror(errno) + "; sending without it");
+    return true;
+  }
+  int result = 0;
+  do {
+    result = ::flock(fd, LOCK_EX | LOCK_NB);
+  } while (result != 0 && errno == EINTR);
+  if (result == 0) {
+    fd_ = fd;
+    return true;
+  }
+  const int error = errno;
+  ::close(fd);
+  if (error == EWOULDBLOCK) {
+    Debug(VantrelLogLevel::verbose, "Another process is sending this queue; retrying later");
+    return false;
+  }
+  Debug(VantrelLogLevel::warning, "Unable to take the batch lock " + file_.string() + ": " +
+                                      std::strerror(error) + "; sending without it");
+  return true;
+}
+
+void BatchLock::release() {
+  std::scoped_lock lock(mutex_);
+  if (fd_ < 0) return;
+  ::flock(fd_, LOCK_UN);
+  ::close(fd_);
+  fd_ = -1;
+}
+
+void BatchLock::abandonInChild() {
+  // Only the forking thread exists here. Closing a shared description does not unlock it; an
+  // explicit LOCK_UN would end the parent's batch too.
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+}  // namespace vntr
