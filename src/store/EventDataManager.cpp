@@ -1,128 +1,31 @@
 #include "store/EventDataManager.hpp"
 
-#include <fcntl.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cassert>
-#include <deque>
-#include <unordered_set>
 
 #include "core/Extensions.hpp"
 #include "core/SerialExecutor.hpp"
 #include "core/VNTRDebug.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/Sqlite.hpp"
+#include "store/StoreOpening.hpp"
+#include "store/StoreStatements.hpp"
+#include "store/UnitOfWork.hpp"
 
 namespace vntr {
 namespace {
 
-constexpr const char* kStoreFileName = "requests_Data.sqlite";
+using store::Row;
+
 constexpr int64_t kMaxQueuedAtStartup = 10000;
 constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
-// Unsaved inserts kept while saves keep failing (a full disk); the oldest go first, as the
-// start-up trim would drop them anyway.
-constexpr size_t kMaxPendingInserts = 10000;
-
-constexpr const char* kCreateTable =
-    "CREATE TABLE IF NOT EXISTS SyncEvent (pk INTEGER PRIMARY KEY, id TEXT, jsonData BLOB, "
-    "timeStamp REAL NOT NULL DEFAULT 0)";
-constexpr const char* kCreateTimeStampIndex =
-    "CREATE INDEX IF NOT EXISTS SyncEvent_timeStamp ON SyncEvent (timeStamp)";
-constexpr const char* kCreateIdIndex = "CREATE INDEX IF NOT EXISTS SyncEvent_id ON SyncEvent (id)";
-
-constexpr const char* kSelectNewest =
-    "SELECT pk, id, jsonData, timeStamp FROM SyncEvent ORDER BY timeStamp DESC, pk DESC LIMIT ?1";
-constexpr const char* kSelectOldest =
-    "SELECT pk, timeStamp FROM SyncEvent ORDER BY timeStamp ASC, pk ASC LIMIT ?1";
-constexpr const char* kSelectOlderThan = "SELECT pk FROM SyncEvent WHERE timeStamp < ?1";
-constexpr const char* kCount = "SELECT COUNT(*) FROM SyncEvent";
-constexpr const char* kSelectById = "SELECT pk FROM SyncEvent WHERE id = ?1 LIMIT ?2";
-constexpr const char* kExists = "SELECT 1 FROM SyncEvent WHERE pk = ?1";
-constexpr const char* kMaxPk = "SELECT MAX(pk) FROM SyncEvent";
-constexpr const char* kInsert =
-    "INSERT INTO SyncEvent (pk, id, jsonData, timeStamp) VALUES (?1, ?2, ?3, ?4)";
-constexpr const char* kDelete = "DELETE FROM SyncEvent WHERE pk = ?1";
 
 constexpr const char* kNoStoreDescription = "The event store could not be opened";
-
-struct Row {
-  int64_t pk = 0;
-  std::string id;
-  std::string jsonData;
-  double timeStamp = 0;
-};
-
-// Queue order: by creation time, then by insertion.
-bool newerThan(double ts1, int64_t pk1, double ts2, int64_t pk2) {
-  return ts1 != ts2 ? ts1 > ts2 : pk1 > pk2;
-}
 
 std::string describe(const sqlite::Error& error) {
   return "{code = " + std::to_string(error.code) +
          ", extendedCode = " + std::to_string(error.extendedCode) + "}";
-}
-
-// Creates the store file readable by the user only before SQLite opens it; SQLite gives its
-// -wal and -shm companions the same mode.
-bool prepareStoreFile(const std::filesystem::path& path) {
-  std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) return false;
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return false;
-  (void)::fchmod(fd, 0600);
-  ::close(fd);
-  return true;
-}
-
-// Connection settings and the schema; reports false when the database is unusable, so a
-// broken file is found now rather than at the first batch.
-bool prepareDatabase(sqlite::Database& db, bool onDisk) {
-  sqlite3_busy_timeout(db.handle(), 2000);
-  if (onDisk) {
-    {
-      auto mode = db.statement("PRAGMA journal_mode=WAL");
-      if (!mode || mode.step() != sqlite::Statement::Step::row) return false;
-    }
-    // Every commit reaches stable storage before it returns: eventCreated is reported after
-    // the commit, and a power cut must not take back what it announced. Commits are batched
-    // (up to kMaxBatchedSaves builds), so this costs one sync per commit, not per event.
-    if (!db.exec("PRAGMA synchronous=FULL")) return false;
-    // SQLite's default of 2 MiB, stated: a larger cache bought no speed with 100,000 requests
-    // queued (the rest of the index sits in the kernel's page cache), only resident memory.
-    db.exec("PRAGMA cache_size=-2048");
-    auto check = db.statement("PRAGMA quick_check");
-    if (!check || check.step() != sqlite::Statement::Step::row || check.columnText(0) != "ok") {
-      return false;
-    }
-  }
-  if (!db.exec(kCreateTable) || !db.exec(kCreateTimeStampIndex) || !db.exec(kCreateIdIndex)) {
-    return false;
-  }
-  // A table of the same name with other columns is not ours: every statement must prepare.
-  for (const char* sql : {kSelectNewest, kSelectOldest, kSelectOlderThan, kCount, kSelectById,
-                          kExists, kMaxPk, kInsert, kDelete}) {
-    if (!db.statement(sql)) return false;
-  }
-  return true;
-}
-
-// Deletes the broken store file. Its -wal, -shm and -journal companions go too: a stale
-// write-ahead log would otherwise be replayed into the new, empty database.
-bool deleteStoreFile(const std::filesystem::path& path) {
-  std::error_code ec;
-  const auto status = std::filesystem::symlink_status(path, ec);
-  if (ec || !std::filesystem::exists(status) || std::filesystem::is_directory(status)) {
-    return false;
-  }
-  if (!std::filesystem::remove(path, ec) || ec) return false;
-  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
-    std::filesystem::remove(path.string() + suffix, ec);
-  }
-  return true;
 }
 
 }  // namespace
@@ -145,7 +48,7 @@ class EventDataManager::Impl {
   bool checkID(const std::string& id);
   void saveContext();
   void saveContextThen(Executor::Task afterSave);
-  bool hasChanges() const { return !inserted_.empty() || !deleted_.empty() || droppedChanges_; }
+  bool hasChanges() const { return changes_.hasChanges(); }
   int64_t insert(std::string id, std::string jsonData, double timeStamp);
   void remove(int64_t pk);
 
@@ -154,24 +57,7 @@ class EventDataManager::Impl {
   std::atomic<int64_t>& queuedBatched() { return queuedBatched_; }
 
  private:
-  bool attempt(StoreKind kind, const std::filesystem::path& path, const AttemptFilter& allowed);
-  bool commitPending(sqlite::Error& error);
-  void markDeleted(const std::vector<int64_t>& pks);
-  void dropPendingInsert(std::deque<Row>::iterator row);
-  bool dropPendingInsert(int64_t pk);
   void assertOnQueue() const { assert(queue_->isCurrent()); }
-  // Begins a transaction whose commit waits for the disk or not (SQLite takes the setting
-  // only between transactions). Commits holding new requests sync: eventCreated follows them
-  // and must survive a power cut. A commit that only deletes answered requests does not: the
-  // batch cycle waits for it, and a power cut can at worst send those requests again; the next
-  // synced commit carries the log up to itself, those deletes included.
-  bool begin(bool sync) {
-    if (sync != syncingCommits_ &&
-        db_->exec(sync ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL")) {
-      syncingCommits_ = sync;
-    }
-    return db_->exec("BEGIN IMMEDIATE");
-  }
   // Ends a transaction left open with nothing to save (a failed commit rolls back).
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
@@ -180,16 +66,11 @@ class EventDataManager::Impl {
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
   StoreKind kind_ = StoreKind::none;  // written once by open(), before anyone else sees us
-  bool lockedByOther_ = false;        // open() only: the last attempt failed on a lock
 
   // Confined to the queue.
   std::unique_ptr<sqlite::Database> db_;
   int64_t nextPk_ = 1;
-  std::deque<Row> inserted_;  // unsaved inserts, ascending pk
-  std::unordered_multiset<std::string> insertedIds_;
-  std::unordered_set<int64_t> deleted_;  // unsaved deletes of saved rows
-  bool droppedChanges_ = false;          // no store: changes since the last save were lost
-  bool syncingCommits_ = true;           // synchronous=FULL, as prepareDatabase sets it
+  store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
   bool inBurst_ = false;  // runBatched: the burst's transaction outlives the saves inside it
@@ -197,51 +78,12 @@ class EventDataManager::Impl {
   std::atomic<int64_t> queuedBatched_{0};  // batched tasks posted and not yet started
 };
 
-bool EventDataManager::Impl::attempt(StoreKind kind, const std::filesystem::path& path,
-                                     const AttemptFilter& allowed) {
-  if (allowed && !allowed(kind)) return false;
-  const bool onDisk = kind != StoreKind::memory;
-  if (onDisk && !prepareStoreFile(path)) return false;
-  sqlite::Error error;
-  auto db = onDisk
-                ? sqlite::Database::open(
-                      path.string(),
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, error)
-                : sqlite::Database::open(
-                      ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                      error);
-  if (!db) return false;
-  const auto fail = [&] {
-    const int code = db->lastError().code;
-    lockedByOther_ = code == SQLITE_BUSY || code == SQLITE_LOCKED;
-    return false;
-  };
-  if (!prepareDatabase(*db, onDisk)) return fail();
-  auto maxPk = db->statement(kMaxPk);
-  if (maxPk.step() != sqlite::Statement::Step::row) return fail();
-  nextPk_ = maxPk.columnInt64(0) + 1;
-  db_ = std::move(db);
-  kind_ = kind;
-  return true;
-}
-
 void EventDataManager::Impl::open(const std::filesystem::path& documentsDirectory,
                                   const AttemptFilter& allowed) {
-  std::error_code ec;
-  std::filesystem::create_directories(documentsDirectory, ec);
-  const auto path = documentsDirectory / kStoreFileName;
-  if (attempt(StoreKind::sqlite, path, allowed)) return;
-  Debug(VantrelLogLevel::error,
-        "Failed to initialize the event store.  Attempting to create new store.");
-  // A file another process keeps locked is not broken: it is left alone, not deleted.
-  if (!lockedByOther_ && deleteStoreFile(path) && attempt(StoreKind::recreated, path, allowed)) {
-    return;
-  }
-  Debug(VantrelLogLevel::error,
-        "Failed to initialize new event store.  Will attempt in memory storage.");
-  if (attempt(StoreKind::memory, path, allowed)) return;
-  Debug(VantrelLogLevel::fatal,
-        "Failed to initialize new in memory store.  We are out of options.");
+  auto opened = store::openStore(documentsDirectory, allowed);
+  db_ = std::move(opened.db);
+  kind_ = opened.kind;
+  nextPk_ = opened.nextPk;
 }
 
 void EventDataManager::Impl::close() {
@@ -260,7 +102,7 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   queuedBatched_.fetch_sub(1, std::memory_order_acq_rel);
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
-  if (db_ && !db_->inTransaction()) begin(true);
+  if (db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
   batching_ = inBurst_ = true;
   runGuarded(task);
   batching_ = inBurst_ = false;
@@ -287,7 +129,8 @@ void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
     bool began = false;
     explicit Joining(Impl& i) : impl(i) {
       impl.batching_ = true;
-      began = impl.db_ && !impl.db_->inTransaction() && impl.begin(false);
+      // Answers only delete: their commit need not wait for the disk (see UnitOfWork::commit).
+      began = impl.db_ && !impl.db_->inTransaction() && impl.db_->begin(/*durable=*/false);
     }
     ~Joining() {
       impl.batching_ = false;
@@ -309,8 +152,8 @@ std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
   }
   const bool all = count <= 0;
   {
-    auto select = db_->statement(kSelectNewest);
-    select.bind(1, all ? int64_t{-1} : count + static_cast<int64_t>(deleted_.size()));
+    auto select = db_->statement(store::kSelectNewest);
+    select.bind(1, all ? int64_t{-1} : count + static_cast<int64_t>(changes_.deletedCount()));
     for (;;) {
       const auto step = select.step();
       if (step == sqlite::Statement::Step::done) break;
@@ -319,25 +162,26 @@ std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
         return {};
       }
       const int64_t pk = select.columnInt64(0);
-      if (deleted_.count(pk) != 0) continue;
+      if (changes_.isDeleted(pk)) continue;
       rows.push_back(Row{pk, select.columnText(1), select.columnBlob(2), select.columnDouble(3)});
     }
   }
-  if (!inserted_.empty()) {
+  if (!changes_.inserted().empty()) {
     std::vector<const Row*> pending;
-    pending.reserve(inserted_.size());
-    for (const auto& row : inserted_) pending.push_back(&row);
+    pending.reserve(changes_.inserted().size());
+    for (const auto& row : changes_.inserted()) pending.push_back(&row);
     std::sort(pending.begin(), pending.end(), [](const Row* a, const Row* b) {
-      return newerThan(a->timeStamp, a->pk, b->timeStamp, b->pk);
+      return store::newerThan(a->timeStamp, a->pk, b->timeStamp, b->pk);
     });
     std::vector<Row> merged;
     merged.reserve(rows.size() + pending.size());
     size_t i = 0;
     size_t j = 0;
     while (i < rows.size() || j < pending.size()) {
-      const bool takeSaved = j == pending.size() ||
-                             (i < rows.size() && newerThan(rows[i].timeStamp, rows[i].pk,
-                                                           pending[j]->timeStamp, pending[j]->pk));
+      const bool takeSaved =
+          j == pending.size() ||
+          (i < rows.size() &&
+           store::newerThan(rows[i].timeStamp, rows[i].pk, pending[j]->timeStamp, pending[j]->pk));
       merged.push_back(takeSaved ? std::move(rows[i++]) : *pending[j++]);
       if (!all && static_cast<int64_t>(merged.size()) == count) break;
     }
@@ -356,8 +200,8 @@ void EventDataManager::Impl::removeOldest(int64_t count) {
   const bool all = count <= 0;
   std::vector<std::pair<double, int64_t>> saved;  // (timeStamp, pk), oldest first
   {
-    auto select = db_->statement(kSelectOldest);
-    select.bind(1, all ? int64_t{-1} : count + static_cast<int64_t>(deleted_.size()));
+    auto select = db_->statement(store::kSelectOldest);
+    select.bind(1, all ? int64_t{-1} : count + static_cast<int64_t>(changes_.deletedCount()));
     for (;;) {
       const auto step = select.step();
       if (step == sqlite::Statement::Step::done) break;
@@ -366,11 +210,11 @@ void EventDataManager::Impl::removeOldest(int64_t count) {
         return;
       }
       const int64_t pk = select.columnInt64(0);
-      if (deleted_.count(pk) == 0) saved.emplace_back(select.columnDouble(1), pk);
+      if (!changes_.isDeleted(pk)) saved.emplace_back(select.columnDouble(1), pk);
     }
   }
   std::vector<std::pair<double, int64_t>> pending;
-  for (const auto& row : inserted_) pending.emplace_back(row.timeStamp, row.pk);
+  for (const auto& row : changes_.inserted()) pending.emplace_back(row.timeStamp, row.pk);
   std::sort(pending.begin(), pending.end());
   std::vector<std::pair<double, int64_t>> victims;
   std::merge(saved.begin(), saved.end(), pending.begin(), pending.end(),
@@ -380,9 +224,9 @@ void EventDataManager::Impl::removeOldest(int64_t count) {
   }
   std::vector<int64_t> savedVictims;
   for (const auto& [timeStamp, pk] : victims) {
-    if (!dropPendingInsert(pk)) savedVictims.push_back(pk);
+    if (!changes_.dropInsert(pk)) savedVictims.push_back(pk);
   }
-  markDeleted(savedVictims);
+  changes_.markDeleted(savedVictims);
   saveContext();
 }
 
@@ -395,7 +239,7 @@ void EventDataManager::Impl::removeOlderThan(double seconds) {
   const double cutoff = referenceDateSeconds(clock_->now()) - seconds;
   std::vector<int64_t> pks;
   {
-    auto select = db_->statement(kSelectOlderThan);
+    auto select = db_->statement(store::kSelectOlderThan);
     select.bind(1, cutoff);
     for (;;) {
       const auto step = select.step();
@@ -407,25 +251,18 @@ void EventDataManager::Impl::removeOlderThan(double seconds) {
       pks.push_back(select.columnInt64(0));
     }
   }
-  markDeleted(pks);
-  for (auto row = inserted_.begin(); row != inserted_.end();) {
-    if (row->timeStamp < cutoff) {
-      insertedIds_.erase(insertedIds_.find(row->id));
-      row = inserted_.erase(row);
-    } else {
-      ++row;
-    }
-  }
+  changes_.markDeleted(pks);
+  changes_.dropInsertsOlderThan(cutoff);
   saveContext();
 }
 
 int64_t EventDataManager::Impl::count() {
   assertOnQueue();
   if (db_) {
-    auto select = db_->statement(kCount);
+    auto select = db_->statement(store::kCount);
     if (select.step() == sqlite::Statement::Step::row) {
-      return select.columnInt64(0) - static_cast<int64_t>(deleted_.size()) +
-             static_cast<int64_t>(inserted_.size());
+      return select.columnInt64(0) - static_cast<int64_t>(changes_.deletedCount()) +
+             static_cast<int64_t>(changes_.inserted().size());
     }
   }
   Debug(VantrelLogLevel::error, "Failed to load events for counting.");
@@ -434,19 +271,19 @@ int64_t EventDataManager::Impl::count() {
 
 bool EventDataManager::Impl::checkID(const std::string& id) {
   assertOnQueue();
-  if (insertedIds_.count(id) != 0) return true;
+  if (changes_.hasInsertedId(id)) return true;
   if (!db_) {
     Debug(VantrelLogLevel::warning, "Check ID search failed for " + id);
     return false;
   }
-  auto select = db_->statement(kSelectById);
+  auto select = db_->statement(store::kSelectById);
   select.bindText(1, id);
   // Enough rows to get past every pending delete.
-  select.bind(2, static_cast<int64_t>(deleted_.size()) + 1);
+  select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
   for (;;) {
     switch (select.step()) {
       case sqlite::Statement::Step::row:
-        if (deleted_.count(select.columnInt64(0)) == 0) return true;
+        if (!changes_.isDeleted(select.columnInt64(0))) return true;
         break;
       case sqlite::Statement::Step::done:
         return false;
@@ -457,48 +294,18 @@ bool EventDataManager::Impl::checkID(const std::string& id) {
   }
 }
 
-bool EventDataManager::Impl::commitPending(sqlite::Error& error) {
-  const auto fail = [&] {
-    error = db_->lastError();
-    if (db_->inTransaction()) db_->exec("ROLLBACK");
-    return false;
-  };
-  // A burst may already have begun the transaction.
-  if (!db_->inTransaction() && !begin(!inserted_.empty())) return fail();
-  for (const int64_t pk : deleted_) {
-    auto del = db_->statement(kDelete);
-    del.bind(1, pk);
-    if (del.step() != sqlite::Statement::Step::done) return fail();
-  }
-  for (const auto& row : inserted_) {
-    auto ins = db_->statement(kInsert);
-    const bool bound = ins.bind(1, row.pk) && ins.bindText(2, row.id) &&
-                       ins.bindBlob(3, row.jsonData) && ins.bind(4, row.timeStamp);
-    if (!bound || ins.step() != sqlite::Statement::Step::done) return fail();
-  }
-  if (!db_->exec("COMMIT")) return fail();
-  // New requests in a transaction begun without syncing (none are expected there): a checkpoint
-  // syncs the log first, so they too are on stable storage before anyone hears of them.
-  if (!syncingCommits_ && !inserted_.empty()) db_->exec("PRAGMA wal_checkpoint(PASSIVE)");
-  return true;
-}
-
 void EventDataManager::Impl::saveContext() {
   assertOnQueue();
   if (hasChanges()) {
     if (!db_) {
       // Without a database nothing can be kept; report the loss once and let it go.
-      droppedChanges_ = false;
+      changes_.forgetDropped();
       Debug(VantrelLogLevel::error, std::string("Saving event queue failed with: ") +
                                         kNoStoreDescription + ", " +
                                         "{code = 0, extendedCode = 0}");
-    } else if (sqlite::Error error; !commitPending(error)) {
+    } else if (sqlite::Error error; !changes_.commit(*db_, error)) {
       Debug(VantrelLogLevel::error,
             "Saving event queue failed with: " + error.message + ", " + describe(error));
-    } else {
-      inserted_.clear();
-      insertedIds_.clear();
-      deleted_.clear();
     }
   }
   if (afterSave_.empty()) return;
@@ -514,46 +321,27 @@ void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   saveContext();
   // The builds still to come in this burst keep looking ids up; without an open transaction
   // every lookup would take and drop the file locks again.
-  if (inBurst_ && db_ && !db_->inTransaction()) begin(true);
+  if (inBurst_ && db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
 }
 
 int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {
   assertOnQueue();
   if (!db_) {
-    droppedChanges_ = true;
+    changes_.noteDropped();
     return -1;
   }
   const int64_t pk = nextPk_++;
-  insertedIds_.insert(id);
-  inserted_.push_back(Row{pk, std::move(id), std::move(jsonData), timeStamp});
-  if (inserted_.size() > kMaxPendingInserts) dropPendingInsert(inserted_.begin());
+  changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp});
   return pk;
-}
-
-void EventDataManager::Impl::dropPendingInsert(std::deque<Row>::iterator row) {
-  insertedIds_.erase(insertedIds_.find(row->id));
-  inserted_.erase(row);
-}
-
-bool EventDataManager::Impl::dropPendingInsert(int64_t pk) {
-  const auto pending = std::lower_bound(inserted_.begin(), inserted_.end(), pk,
-                                        [](const Row& row, int64_t key) { return row.pk < key; });
-  if (pending == inserted_.end() || pending->pk != pk) return false;
-  dropPendingInsert(pending);
-  return true;
 }
 
 void EventDataManager::Impl::remove(int64_t pk) {
   assertOnQueue();
-  if (dropPendingInsert(pk)) return;
-  if (!db_ || deleted_.count(pk) != 0) return;
-  auto exists = db_->statement(kExists);
+  if (changes_.dropInsert(pk)) return;
+  if (!db_ || changes_.isDeleted(pk)) return;
+  auto exists = db_->statement(store::kExists);
   exists.bind(1, pk);
-  if (exists.step() == sqlite::Statement::Step::row) deleted_.insert(pk);
-}
-
-void EventDataManager::Impl::markDeleted(const std::vector<int64_t>& pks) {
-  deleted_.insert(pks.begin(), pks.end());
+  if (exists.step() == sqlite::Statement::Step::row) changes_.markDeleted(pk);
 }
 
 // --- EventDataManager ---

@@ -1,0 +1,132 @@
+#include "store/StoreOpening.hpp"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/VNTRDebug.hpp"
+#include "store/StoreStatements.hpp"
+
+namespace vntr::store {
+namespace {
+
+using StoreKind = EventDataManager::StoreKind;
+
+constexpr const char* kStoreFileName = "requests_Data.sqlite";
+
+// Creates the store file readable by the user only before SQLite opens it; SQLite gives its
+// -wal and -shm companions the same mode.
+bool prepareStoreFile(const std::filesystem::path& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) return false;
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) return false;
+  (void)::fchmod(fd, 0600);
+  ::close(fd);
+  return true;
+}
+
+// Connection settings and the schema; reports false when the database is unusable, so a
+// broken file is found now rather than at the first batch.
+bool prepareDatabase(sqlite::Database& db, bool onDisk) {
+  sqlite3_busy_timeout(db.handle(), 2000);
+  if (onDisk) {
+    {
+      auto mode = db.statement("PRAGMA journal_mode=WAL");
+      if (!mode || mode.step() != sqlite::Statement::Step::row) return false;
+    }
+    // Every commit holding new requests reaches stable storage before it returns: eventCreated
+    // follows it and must survive a power cut. Commits are batched, one sync per commit.
+    if (!db.exec("PRAGMA synchronous=FULL")) return false;
+    // SQLite's default of 2 MiB, stated: a larger cache bought no speed with 100,000 requests
+    // queued (the rest of the index sits in the kernel's page cache), only resident memory.
+    db.exec("PRAGMA cache_size=-2048");
+    auto check = db.statement("PRAGMA quick_check");
+    if (!check || check.step() != sqlite::Statement::Step::row || check.columnText(0) != "ok") {
+      return false;
+    }
+  }
+  if (!db.exec(kCreateTable) || !db.exec(kCreateTimeStampIndex) || !db.exec(kCreateIdIndex)) {
+    return false;
+  }
+  // A table of the same name with other columns is not ours: every statement must prepare.
+  for (const char* sql : kRowStatements) {
+    if (!db.statement(sql)) return false;
+  }
+  return true;
+}
+
+// Deletes the broken store file. Its -wal, -shm and -journal companions go too: a stale
+// write-ahead log would otherwise be replayed into the new, empty database.
+bool deleteStoreFile(const std::filesystem::path& path) {
+  std::error_code ec;
+  const auto status = std::filesystem::symlink_status(path, ec);
+  if (ec || !std::filesystem::exists(status) || std::filesystem::is_directory(status)) {
+    return false;
+  }
+  if (!std::filesystem::remove(path, ec) || ec) return false;
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+    std::filesystem::remove(path.string() + suffix, ec);
+  }
+  return true;
+}
+
+// One step of the chain. `lockedByOther` tells the caller the step failed on another
+// connection's lock rather than on the file.
+bool attempt(StoreKind kind, const std::filesystem::path& path,
+             const EventDataManager::AttemptFilter& allowed, OpenedStore& out,
+             bool& lockedByOther) {
+  lockedByOther = false;
+  if (allowed && !allowed(kind)) return false;
+  const bool onDisk = kind != StoreKind::memory;
+  if (onDisk && !prepareStoreFile(path)) return false;
+  sqlite::Error error;
+  auto db = onDisk
+                ? sqlite::Database::open(
+                      path.string(),
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, error)
+                : sqlite::Database::open(
+                      ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                      error);
+  if (!db) return false;
+  const auto fail = [&] {
+    const int code = db->lastError().code;
+    lockedByOther = code == SQLITE_BUSY || code == SQLITE_LOCKED;
+    return false;
+  };
+  if (!prepareDatabase(*db, onDisk)) return fail();
+  auto maxPk = db->statement(kMaxPk);
+  if (maxPk.step() != sqlite::Statement::Step::row) return fail();
+  out.nextPk = maxPk.columnInt64(0) + 1;
+  out.db = std::move(db);
+  out.kind = kind;
+  return true;
+}
+
+}  // namespace
+
+OpenedStore openStore(const std::filesystem::path& documentsDirectory,
+                      const EventDataManager::AttemptFilter& allowed) {
+  OpenedStore out;
+  bool lockedByOther = false;
+  std::error_code ec;
+  std::filesystem::create_directories(documentsDirectory, ec);
+  const auto path = documentsDirectory / kStoreFileName;
+  if (attempt(StoreKind::sqlite, path, allowed, out, lockedByOther)) return out;
+  Debug(VantrelLogLevel::error,
+        "Failed to initialize the event store.  Attempting to create new store.");
+  // A file another process keeps locked is not broken: it is left alone, not deleted.
+  if (!lockedByOther && deleteStoreFile(path) &&
+      attempt(StoreKind::recreated, path, allowed, out, lockedByOther)) {
+    return out;
+  }
+  Debug(VantrelLogLevel::error,
+        "Failed to initialize new event store.  Will attempt in memory storage.");
+  if (attempt(StoreKind::memory, path, allowed, out, lockedByOther)) return out;
+  Debug(VantrelLogLevel::fatal,
+        "Failed to initialize new in memory store.  We are out of options.");
+  return out;
+}
+
+}  // namespace vntr::store
