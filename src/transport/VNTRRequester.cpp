@@ -60,6 +60,7 @@ void VNTRRequester::fireOnMainQueue() {
     std::scoped_lock lock(mutex_);
     batchTimer_ = std::move(timer);
   }
+  cycleClock_.timerArmed();
   nextBatchInterval.store(batchIntervalSeconds.load());
 }
 
@@ -81,6 +82,7 @@ void VNTRRequester::performRemoteRequests() {
   auto client = httpClient();
   if (!client) return;
   if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
+  const int64_t firedAt = cycleClock_.timerFired();
   isRequesting.store(true);
   batchTimer()->invalidate();
 
@@ -122,8 +124,10 @@ void VNTRRequester::performRemoteRequests() {
                [self = shared_from_this(), pending](std::optional<std::string> data,
                                                     std::optional<HTTPURLResponse> response,
                                                     std::optional<HTTPError>) {
+                 self->cycleClock_.replyArrived();
                  self->handleReply(*pending, std::move(data), std::move(response));
                });
+  cycleClock_.requestLeft(firedAt);
 }
 
 void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string> data,

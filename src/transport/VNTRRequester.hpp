@@ -10,6 +10,7 @@
 #include <vntr/Executor.hpp>
 
 #include "model/VNTRMethodProtocol.hpp"
+#include "transport/BatchCycleClock.hpp"
 #include "transport/HTTPClientProtocol.hpp"
 #include "transport/VNTRBatchDispatch.hpp"
 #include "transport/VNTRTimer.hpp"
@@ -62,6 +63,8 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   std::shared_ptr<HTTPClientProtocol> httpClient() const;
   /// Installs another transport (for example `HTTPMockClient`) for the following batches.
   void setHttpClient(std::shared_ptr<HTTPClientProtocol> client);
+  /// The time this side of the network spent in the batch cycles so far.
+  BatchCycleClock::Totals cycleTotals() const { return cycleClock_.totals(); }
 
  private:
   using PendingTable = detail::PendingTable;
@@ -75,6 +78,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   VNTRReachability& reachability_;
   GetEventsFactory makeGetEvents_;
   ServerURL serverURL_;
+  BatchCycleClock cycleClock_;
 
   mutable std::mutex mutex_;
   std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_
