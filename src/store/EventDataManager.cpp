@@ -1,5 +1,8 @@
 #include "store/EventDataManager.hpp"
 
+#include <malloc.h>
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cassert>
@@ -20,6 +23,8 @@ using store::Row;
 
 constexpr int64_t kMaxQueuedAtStartup = 10000;
 constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
+// After a burst of at least this many saves the memory it used is handed back.
+constexpr size_t kLargeBurst = 1024;
 
 constexpr const char* kNoStoreDescription = "The event store could not be opened";
 
@@ -62,6 +67,13 @@ class EventDataManager::Impl {
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
   }
+  // A large burst leaves its intake buffers, built requests and SQLite's cache pages freed but
+  // kept by the allocator (in the arenas of the threads that made them). A host idles most of
+  // the time after one, so the pages go back to the system: a millisecond or so, once a burst.
+  void releaseMemory() {
+    if (db_) sqlite3_db_release_memory(db_->handle());
+    ::malloc_trim(0);
+  }
 
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
@@ -73,7 +85,8 @@ class EventDataManager::Impl {
   store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
-  bool inBurst_ = false;  // runBatched: the burst's transaction outlives the saves inside it
+  bool inBurst_ = false;   // runBatched: the burst's transaction outlives the saves inside it
+  size_t burstSaves_ = 0;  // saves asked for since the burst began
 
   std::atomic<int64_t> queuedBatched_{0};  // batched tasks posted and not yet started
 };
@@ -112,7 +125,10 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
     saveContext();
   }
   // A burst that ends with nothing to save still releases its transaction.
-  if (burstOver) endTransaction();
+  if (burstOver) {
+    endTransaction();
+    if (std::exchange(burstSaves_, 0) >= kLargeBurst) releaseMemory();
+  }
 }
 
 void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
@@ -316,6 +332,7 @@ void EventDataManager::Impl::saveContext() {
 
 void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   afterSave_.push_back(std::move(afterSave));
+  if (inBurst_) ++burstSaves_;
   // A joined commit is bounded even inside one task that saves many times.
   if (batching_ && afterSave_.size() < EventDataManager::kMaxBatchedSaves) return;
   saveContext();

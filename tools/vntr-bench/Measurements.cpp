@@ -40,6 +40,18 @@ int64_t queuedRequests() {
   return count;
 }
 
+int64_t anonRssKiB() {
+  std::FILE* status = std::fopen("/proc/self/status", "r");
+  if (status == nullptr) return -1;
+  char line[256];
+  long long kib = -1;
+  while (std::fgets(line, sizeof line, status) != nullptr &&
+         std::sscanf(line, "RssAnon: %lld", &kib) != 1) {
+  }
+  std::fclose(status);
+  return kib;
+}
+
 int64_t threadCpuNanos(const std::string& name) {
   std::error_code error;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {

@@ -128,6 +128,8 @@ class BenchDelegate final : public VNTRTagManagerDelegate {
 };
 
 int64_t peakRssKiB();
+/// The anonymous resident memory now (heap, stacks, written library data), in KiB.
+int64_t anonRssKiB();
 
 // The peak resident memory counts the pages of the shared libraries in use (libc, libstdc++,
 // SQLite, curl and its TLS libraries), which other processes share. To tell them from the

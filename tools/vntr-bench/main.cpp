@@ -176,6 +176,7 @@ json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegat
     out["delivered_per_s"] = std::lround(static_cast<double>(o.events) / s);
   }
   out["still_queued"] = left;
+  out["rss_anon_end_kib"] = anonRssKiB();  // once delivered: what the library keeps
   const auto stats = server.stats();
   out.update(deliveryFigures(server, o.events, 0));
   out["batches"] = stats.batches;
@@ -270,6 +271,7 @@ json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate,
         static_cast<double>(o.events) * 1e9 / static_cast<double>(std::max<int64_t>(storeCpu, 1)));
   }
   out["queued"] = queued;
+  out["rss_anon_stored_kib"] = anonRssKiB();  // the burst stored: what is handed back
   out["peak_rss_intake_kib"] = afterIntake;
   const int64_t toSend = std::min(o.drainBatches * kEventsPerBatch, queued);
   bool sent = true;
