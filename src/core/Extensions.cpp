@@ -58,6 +58,50 @@ std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name) {
   return parsed;
 }
 
+bool appendJSONString(std::string& out, std::string_view text) {
+  if (!isValidUTF8(text)) return false;
+  static constexpr char kHex[] = "0123456789abcdef";
+  out += '"';
+  size_t plain = 0;  // start of the run of characters copied as they are
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(text, plain, i - plain);
+    plain = i + 1;
+    out += '\\';
+    switch (c) {
+      case '"':
+        out += '"';
+        break;
+      case '\\':
+        out += '\\';
+        break;
+      case '\b':
+        out += 'b';
+        break;
+      case '\f':
+        out += 'f';
+        break;
+      case '\n':
+        out += 'n';
+        break;
+      case '\r':
+        out += 'r';
+        break;
+      case '\t':
+        out += 't';
+        break;
+      default:
+        out += "u00";
+        out += kHex[c >> 4];
+        out += kHex[c & 0xf];
+    }
+  }
+  out.append(text, plain, text.size() - plain);
+  out += '"';
+  return true;
+}
+
 bool isValidUTF8(std::string_view text) {
   size_t i = 0;
   while (i < text.size()) {

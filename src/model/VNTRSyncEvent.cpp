@@ -231,18 +231,41 @@ std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const s
   const std::string connectionType = env.connectionType ? env.connectionType() : std::string();
   try {
     if (layout->usable()) {
-      const std::string idText = id.empty() ? layout->templateId() : json(id).dump();
-      const std::string eventsText = json(events).dump();
-      const std::string groupText = json(eventGroup).dump();
-      const std::string timeText = json(timestamp(now)).dump();
-      const std::string connectionText = json(connectionType).dump();
+      // The members' JSON texts, written one after another into one buffer kept by the thread.
+      thread_local std::string written;
+      written.clear();
+      std::array<size_t, RequestLayout::Slot::count + 1> ends{};
+      const auto end = [&](RequestLayout::Slot slot) { ends[slot + 1] = written.size(); };
+      bool valid = true;
+      if (id.empty()) {
+        written += layout->templateId();
+      } else {
+        valid = appendJSONString(written, id);
+      }
+      end(RequestLayout::id);
+      written += '[';
+      for (size_t i = 0; valid && i < events.size(); ++i) {
+        if (i > 0) written += ',';
+        valid = appendJSONString(written, events[i]);
+      }
+      written += ']';
+      end(RequestLayout::events);
+      valid = valid && appendJSONString(written, eventGroup);
+      end(RequestLayout::eventGroup);
+      valid = valid && appendJSONString(written, timestamp(now));
+      end(RequestLayout::eventTime);
+      end(RequestLayout::eventData);  // comes as it is, not from the buffer
+      valid = valid && appendJSONString(written, connectionType);
+      end(RequestLayout::connectionType);
+      if (!valid) {
+        Debug(VantrelLogLevel::error, kSerializationFailed);
+        return std::nullopt;
+      }
       RequestLayout::Texts texts;
-      texts[RequestLayout::id] = idText;
-      texts[RequestLayout::events] = eventsText;
-      texts[RequestLayout::eventGroup] = groupText;
-      texts[RequestLayout::eventTime] = timeText;
+      for (size_t slot = 0; slot < RequestLayout::Slot::count; ++slot) {
+        texts[slot] = std::string_view(written).substr(ends[slot], ends[slot + 1] - ends[slot]);
+      }
       texts[RequestLayout::eventData] = eventDataText;
-      texts[RequestLayout::connectionType] = connectionText;
       return layout->render(texts);
     }
     VariableMembers members{id.empty() ? std::nullopt : std::optional<std::string>(id),

@@ -40,10 +40,18 @@ class AnswerReader final : public nlohmann::json_sax<nlohmann::json> {
   /// Every entry in order; unusable ones as nothing.
   std::vector<std::optional<VNTRRemoteResponse>>& entries() { return entries_; }
 
-  bool null() override { return value([] { return json(nullptr); }); }
-  bool boolean(bool v) override { return value([v] { return json(v); }); }
-  bool number_integer(number_integer_t v) override { return value([v] { return json(v); }); }
-  bool number_unsigned(number_unsigned_t v) override { return value([v] { return json(v); }); }
+  bool null() override {
+    return value([] { return json(nullptr); });
+  }
+  bool boolean(bool v) override {
+    return value([v] { return json(v); });
+  }
+  bool number_integer(number_integer_t v) override {
+    return value([v] { return json(v); });
+  }
+  bool number_unsigned(number_unsigned_t v) override {
+    return value([v] { return json(v); });
+  }
   bool number_float(number_float_t v, const string_t& text) override {
     if (capture_) return capture_->number_float(v, text);
     return value([v] { return json(v); });
