@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include "core/Resources.hpp"
 #include "core/VNTRDebug.hpp"
@@ -16,12 +19,16 @@ constexpr std::chrono::seconds kReferenceDate{978'307'200};
 
 std::string timestamp(TimePoint date) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
+  // Every request built within one second carries the same text: formatted once per second.
+  thread_local std::pair<int64_t, std::string> last{INT64_MIN, {}};
+  if (last.first == seconds) return last.second;
   const auto t = static_cast<std::time_t>(seconds);
   std::tm utc{};
   gmtime_r(&t, &utc);
   char text[32];
   const size_t n = std::strftime(text, sizeof text, "%Y%m%d%H%M%S", &utc);
-  return std::string(text, n);
+  last = {seconds, std::string(text, n)};
+  return last.second;
 }
 
 double referenceDateSeconds(TimePoint date) {
