@@ -68,8 +68,9 @@ class EventDataManager::Impl {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
   }
   // A large burst leaves its intake buffers, built requests and SQLite's cache pages freed but
-  // kept by the allocator (in the arenas of the threads that made them). A host idles most of
-  // the time after one, so the pages go back to the system: a millisecond or so, once a burst.
+  // kept by the allocator (in the arenas of the threads that made them), and a host mostly
+  // idles after one, so the pages go back to the system. malloc_trim walks every arena of the
+  // process, the host's too, and only returns pages that are free; once per large burst.
   void releaseMemory() {
     if (db_) sqlite3_db_release_memory(db_->handle());
     ::malloc_trim(0);
