@@ -124,7 +124,6 @@ void VNTRRequester::performRemoteRequests() {
                [self = shared_from_this(), pending](std::optional<std::string> data,
                                                     std::optional<HTTPURLResponse> response,
                                                     std::optional<HTTPError>) {
-                 self->cycleClock_.replyArrived();
                  self->handleReply(*pending, std::move(data), std::move(response));
                });
   cycleClock_.requestLeft(firedAt);
@@ -134,6 +133,7 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
                                 std::optional<HTTPURLResponse> response) {
   // The error and the status code are not examined: the body decides.
   if (response) {
+    cycleClock_.replyArrived();  // a failed request's next timer waits for the network
     reportStatistic(VNTRStatistic::responseReceived, 1);
     if (!data) {
       reportStatistic(VNTRStatistic::responseEmpty, 1);
