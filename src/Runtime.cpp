@@ -13,6 +13,7 @@
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
 #include "transport/HTTPClient.hpp"
+#include "transport/HTTPSupport.hpp"
 #include "transport/VNTRRequester.hpp"
 
 namespace vntr {
@@ -80,8 +81,11 @@ Runtime::Runtime(RuntimeOptions options)
                                          : standardUserDefaults()),
       reachabilitySource_(options.reachabilitySource),
       initialReachabilityFlags_(options.initialReachabilityFlags),
-      consentCheckURL_(options.consentCheckURL.empty() ? kDefaultConsentCheckURL
-                                                       : std::move(options.consentCheckURL)) {
+      consentCheckURL_(std::move(options.consentCheckURL)),
+      retryBackoff_(std::move(options.retryBackoff)) {
+  if (!retryBackoff_) {
+    retryBackoff_ = [] { return VNTRPreferences::sharedPreferences().retryBackoff(); };
+  }
   if (!httpClient_ || !consentGet_) network_ = std::make_shared<HTTPClient>();
   if (!httpClient_) httpClient_ = network_;
   if (!consentGet_) {
@@ -107,6 +111,13 @@ Runtime::~Runtime() {
   reachability_.reset();
   requester_.reset();
   store_.reset();
+}
+
+std::string Runtime::consentCheckURL() const {
+  if (!consentCheckURL_.empty()) return consentCheckURL_;
+  const auto& preferences = VNTRPreferences::sharedPreferences();
+  if (auto url = preferences.consentCheckURL(); !url.empty()) return url;
+  return consentCheckURLFor(preferences.serverURL());
 }
 
 const std::optional<std::string>& Runtime::siteID() {
@@ -193,7 +204,7 @@ VNTRRequester& Runtime::requester() {
     };
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
-        [] { return VNTRPreferences::sharedPreferences().serverURL(); });
+        [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_);
   });
   return *requester_;
 }

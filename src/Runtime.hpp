@@ -42,7 +42,8 @@ struct RuntimeOptions {
   std::shared_ptr<UserDefaults> userDefaults;      // default: the standard user defaults
   VNTRReachability::Source reachabilitySource = VNTRReachability::Source::kernel;
   uint32_t initialReachabilityFlags = 0;  // for Source::host
-  std::string consentCheckURL;            // default: the production endpoint
+  std::string consentCheckURL;            // default: the preferences' (read at each check)
+  std::function<bool()> retryBackoff;     // default: the preferences' (read after each reply)
 };
 
 /// The composition root: owns one of each component and wires them together. Components are
@@ -51,9 +52,6 @@ struct RuntimeOptions {
 /// destroyed; tests build their own over temporary directories, fake clocks and manual queues.
 class Runtime {
  public:
-  static constexpr const char* kDefaultConsentCheckURL =
-      "https://tags.vantrel.com/gdpr/check/json/current";
-
   static Runtime& shared();
   /// Makes the process-wide runtime take reachability from the host (`updateFlags`) instead of
   /// the kernel, starting from `initialFlags`. Only before the runtime is first used; false
@@ -81,7 +79,9 @@ class Runtime {
   VNTRTagManager& tagManager();
   HTTPClientProtocol& httpClient() { return *httpClient_; }
   const HTTPGet& consentGet() const { return consentGet_; }
-  const std::string& consentCheckURL() const { return consentCheckURL_; }
+  /// The consent-check URL as of now: the one given in the options, else the preferences' own,
+  /// else the one that belongs to the preferences' server URL. Any thread.
+  std::string consentCheckURL() const;
 
   /// The facts every request carries, computed once at first use (on the store queue).
   const EventFacts& eventFacts();
@@ -100,6 +100,7 @@ class Runtime {
   VNTRReachability::Source reachabilitySource_;
   uint32_t initialReachabilityFlags_;
   std::string consentCheckURL_;
+  std::function<bool()> retryBackoff_;
 
   std::once_flag siteIDOnce_, infoOnce_, factsOnce_, storeOnce_, filterOnce_, reachabilityOnce_,
       requesterOnce_, tagManagerOnce_, syncEnvironmentOnce_;

@@ -108,13 +108,29 @@ class VNTR_API VNTRPreferences {
   double requestTimeout() const;
   void setRequestTimeout(double seconds);
 
+  /// The consent-check URL. Empty (the default) means the one that belongs to `serverURL`: same
+  /// scheme, host and port, path "/gdpr/check/json/current". Read when a check starts.
+  std::string consentCheckURL() const;
+  void setConsentCheckURL(std::string url);
+
+  /// Backoff after failed batches, off by default. When on, a batch that got no HTTP response, a
+  /// 5xx or 429 status, or a body that is not a usable answer makes the next one wait about twice
+  /// as long as the last (from one to two batch intervals of at least 1 s, with random jitter,
+  /// at most 5 minutes), and at least what the server's Retry-After asks (at most an hour); the
+  /// first good answer restores the server's interval. When off, batches keep the server's pace
+  /// whatever the outcome.
+  bool retryBackoff() const;
+  void setRetryBackoff(bool enabled);
+
  private:
   std::atomic<int> logLevel_{VantrelLogLevel::warning};
   std::atomic<double> requestTimeout_{kDefaultRequestTimeout};
+  std::atomic<bool> retryBackoff_{false};
   mutable std::mutex mutex_;
   std::shared_ptr<const LoggingCallback> loggingCallback_;  // guarded by mutex_
   std::shared_ptr<VNTRTagManagerDelegate> delegate_;        // guarded by mutex_
   std::string serverURL_;                                   // guarded by mutex_
+  std::string consentCheckURL_;                             // guarded by mutex_
 };
 
 /// The default logging callback: writes "[Level] pieces,joined" to stderr when `log_level` is

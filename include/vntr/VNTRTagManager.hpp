@@ -49,7 +49,8 @@ class VNTR_API VNTRTagManager {
   /// (reachable 0x2, cellular 0x40000). Only before first use, like the settings above.
   static bool useHostReachability(uint32_t initialFlags);
   /// Reports the network state when the host reports reachability; a reachable report sends a
-  /// waiting batch at once. Ignored when the kernel is the source.
+  /// waiting batch at once, so report changes only, as a platform reachability service does.
+  /// Ignored when the kernel is the source.
   static void updateReachabilityFlags(uint32_t flags);
 
   /// Library-internal: a tag manager over an explicit set of components (tests build their own).

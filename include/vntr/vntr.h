@@ -86,6 +86,13 @@ VNTR_C_API vntr_status_t vntr_use_host_reachability(uint32_t initial_flags);
 /* Wraps VNTRTagManager::updateReachabilityFlags. */
 VNTR_C_API void vntr_update_reachability_flags(uint32_t flags);
 
+/* Network settings. */
+/* Wraps VNTRPreferences::setConsentCheckURL; NULL or "" restores the URL derived from the
+ * server URL (same scheme, host and port, path "/gdpr/check/json/current"). */
+VNTR_C_API vntr_status_t vntr_set_consent_check_url(const char* url);
+/* Wraps VNTRPreferences::setRetryBackoff: non-zero turns backoff after failed batches on. */
+VNTR_C_API void vntr_set_retry_backoff(int enabled);
+
 VNTR_C_API extern const double VNTRTagManagerVersionNumber;
 VNTR_C_API extern const unsigned char VNTRTagManagerVersionString[];
 

@@ -143,4 +143,18 @@ void vntr_update_reachability_flags(uint32_t flags) {
   vntr::VNTRTagManager::updateReachabilityFlags(flags);
 }
 
+// Network settings.
+
+vntr_status_t vntr_set_consent_check_url(const char* url) {
+  return guarded([&] {
+    if (url != nullptr && !vntr::isValidUTF8(url)) return VNTR_INVALID_ARGUMENT;
+    VNTRPreferences::sharedPreferences().setConsentCheckURL(url != nullptr ? url : "");
+    return VNTR_OK;
+  });
+}
+
+void vntr_set_retry_backoff(int enabled) {
+  VNTRPreferences::sharedPreferences().setRetryBackoff(enabled != 0);
+}
+
 }  // extern "C"

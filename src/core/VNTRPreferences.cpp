@@ -98,4 +98,20 @@ void VNTRPreferences::setRequestTimeout(double seconds) {
   requestTimeout_.store(seconds, std::memory_order_relaxed);
 }
 
+std::string VNTRPreferences::consentCheckURL() const {
+  std::scoped_lock lock(mutex_);
+  return consentCheckURL_;
+}
+
+void VNTRPreferences::setConsentCheckURL(std::string url) {
+  std::scoped_lock lock(mutex_);
+  consentCheckURL_ = std::move(url);
+}
+
+bool VNTRPreferences::retryBackoff() const { return retryBackoff_.load(std::memory_order_relaxed); }
+
+void VNTRPreferences::setRetryBackoff(bool enabled) {
+  retryBackoff_.store(enabled, std::memory_order_relaxed);
+}
+
 }  // namespace vntr

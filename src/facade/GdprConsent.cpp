@@ -111,7 +111,7 @@ struct GdprConsent::State {
 struct GdprConsent::Core {
   UserDefaults& defaults;
   const HTTPGet httpGet;
-  const std::string endpoint;
+  const CheckEndpoint endpoint;
   const std::shared_ptr<State> state = std::make_shared<State>();
 
   void determine();
@@ -154,17 +154,22 @@ void GdprConsent::Core::determine() {
 void GdprConsent::Core::remoteCheck() {
   // Validated here rather than left to the transport, so a bad endpoint logs its own line and
   // never turns into a request.
-  if (!isValidCheckURL(endpoint)) {
+  const std::string url = endpoint ? endpoint() : std::string();
+  if (!isValidCheckURL(url)) {
     Debug(VantrelLogLevel::error, "Unable to check gdpr. Invalid Check URL");
     return;
   }
   auto completion = [state = state](const std::optional<std::string>& data,
-                                    const std::optional<HTTPURLResponse>& /*response*/,
+                                    const std::optional<HTTPURLResponse>& response,
                                     const std::optional<HTTPError>& error) {
+    if (response && (response->statusCode < 200 || response->statusCode > 299)) {
+      Debug(VantrelLogLevel::error, "GDPR requirement check answered with HTTP status " +
+                                        std::to_string(response->statusCode));
+    }
     handleAnswer(*state, data, error);
   };
   try {
-    httpGet(endpoint, std::move(completion));
+    httpGet(url, std::move(completion));
   } catch (const std::exception& e) {
     // A transport that cannot even start the request is reported like a failed one.
     handleAnswer(*state, std::nullopt, HTTPError{"VNTRTagManager", 0, e.what()});
@@ -204,8 +209,11 @@ void GdprConsent::Core::forgetAndDetermine() {
   determine();
 }
 
-GdprConsent::GdprConsent(UserDefaults& defaults, HTTPGet httpGet, std::string checkEndpoint)
+GdprConsent::GdprConsent(UserDefaults& defaults, HTTPGet httpGet, CheckEndpoint checkEndpoint)
     : core_(std::make_shared<Core>(Core{defaults, std::move(httpGet), std::move(checkEndpoint)})) {}
+
+GdprConsent::GdprConsent(UserDefaults& defaults, HTTPGet httpGet, std::string checkEndpoint)
+    : GdprConsent(defaults, std::move(httpGet), [url = std::move(checkEndpoint)] { return url; }) {}
 
 GdprConsent::~GdprConsent() {
   if (const uint64_t token = observerToken_.load(); token != 0) {

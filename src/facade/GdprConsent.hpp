@@ -30,8 +30,12 @@ class GdprConsent {
   static constexpr const char* kDefaultCheckEndpoint =
       "https://tags.vantrel.com/gdpr/check/json/current";
 
-  /// `checkEndpoint` is the consent-check URL (path "/gdpr/check/json/current"); `defaults` must
-  /// outlive this object.
+  /// Gives the consent-check URL (path "/gdpr/check/json/current") when a check starts, so a
+  /// host that sets its server after creating us is still asked, never another host.
+  using CheckEndpoint = std::function<std::string()>;
+
+  /// `defaults` must outlive this object.
+  GdprConsent(UserDefaults& defaults, HTTPGet httpGet, CheckEndpoint checkEndpoint);
   GdprConsent(UserDefaults& defaults, HTTPGet httpGet, std::string checkEndpoint);
   /// Stops observing the keys. A check in flight still completes (and changes nothing visible).
   ~GdprConsent();

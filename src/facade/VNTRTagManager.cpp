@@ -25,8 +25,9 @@ VNTRTagManager& VNTRTagManager::sharedInstance() { return Runtime::shared().tagM
 
 VNTRTagManager::VNTRTagManager(Runtime& runtime)
     : runtime_(runtime),
-      consent_(std::make_shared<GdprConsent>(runtime.userDefaults(), runtime.consentGet(),
-                                             runtime.consentCheckURL())) {
+      consent_(std::make_shared<GdprConsent>(
+          runtime.userDefaults(), runtime.consentGet(),
+          GdprConsent::CheckEndpoint([&runtime] { return runtime.consentCheckURL(); }))) {
   // Decides consent now, on the creating thread, and re-decides whenever one of the three
   // consent keys changes.
   consent_->start();

@@ -16,6 +16,7 @@
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
 #include "core/VNTRStatistic.hpp"
+#include "model/RequestSizeLimit.hpp"
 #include "model/Uuid.hpp"
 #include "store/EventDataManager.hpp"
 
@@ -317,7 +318,7 @@ std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
     const TimePoint now = env.clock->now();
     std::string id = chooseId(env.store, priority);
     auto request = buildRequest(env, id, events, eventGroup, eventDataText, now);
-    if (!request) return nullptr;
+    if (!request || refuseOversizedRequest(request->size())) return nullptr;
     const double timeStamp = referenceDateSeconds(now);
     std::shared_ptr<VNTRSyncEvent> record;
     int64_t rowId = 0;
@@ -360,7 +361,7 @@ void VNTRSyncEvent::createEvent(const SyncEventEnvironment& env,
                                 const std::string& eventGroup, const nlohmann::json& eventData,
                                 VNTREventPriority priority) {
   const auto data = serialisedEventData(eventData);
-  if (!data) return;
+  if (!data || refuseOversizedRequest(argumentBytes(events, eventGroup, *data))) return;
   try {
     if (env.pending->append(priority, events, eventGroup, *data)) {
       env.store.performBatched([&env] { drainPendingBuilds(env); });
@@ -377,7 +378,7 @@ std::shared_ptr<VNTRSyncEvent> VNTRSyncEvent::make(const SyncEventEnvironment& e
                                                    const nlohmann::json& eventData,
                                                    VNTREventPriority priority) {
   const auto data = serialisedEventData(eventData);
-  if (!data) return nullptr;
+  if (!data || refuseOversizedRequest(argumentBytes(events, eventGroup, *data))) return nullptr;
   return build(env, events, eventGroup, *data, priority, /*keep=*/true);
 }
 

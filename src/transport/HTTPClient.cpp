@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstdlib>
 #include <exception>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "core/VNTRDebug.hpp"
+#include "transport/HTTPSupport.hpp"
 
 namespace vntr {
 namespace {
@@ -35,11 +35,7 @@ constexpr const char* kShutDownDescription = "The HTTP client was shut down";
 // so an idle client costs nothing but this occasional turn.
 constexpr int kPollMilliseconds = 30'000;
 constexpr size_t kMaxIdleHandles = 8;
-constexpr long kMaxRedirects = 10;
 constexpr long kMaxHostConnections = 6;
-// Long enough to mean "never" for a batch, short enough to stay far from overflowing a long.
-constexpr double kMaxTimeoutSeconds = 7 * 24 * 3600.0;
-
 // How long exit waits for a transport thread to leave libcurl; only a completion that blocks
 // (a host delegate waiting on something) could make it wait that long.
 constexpr auto kExitStopTimeout = std::chrono::seconds(2);
@@ -99,38 +95,6 @@ void initializeCurlOnce() {
     // reverse order of registration, so this one runs before it and stops our threads first.
     std::atexit(stopTransportsAtExit);
   });
-}
-
-struct ParsedURL {
-  std::string url;  // as normalised by curl's parser, which is what will be requested
-  bool isHTTPS = false;
-};
-
-/// Parses `text` with curl's URL parser, which requires a scheme it supports. An embedded NUL
-/// would silently cut the string short, so it makes the URL unformable too.
-std::optional<ParsedURL> parseURL(const std::string& text) {
-  if (text.empty() || text.find('\0') != std::string::npos) return std::nullopt;
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), curl_url_cleanup);
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
-    return std::nullopt;
-  }
-  char* url = nullptr;
-  char* scheme = nullptr;
-  std::optional<ParsedURL> parsed;
-  if (curl_url_get(handle.get(), CURLUPART_URL, &url, 0) == CURLUE_OK &&
-      curl_url_get(handle.get(), CURLUPART_SCHEME, &scheme, 0) == CURLUE_OK) {
-    parsed = ParsedURL{url, std::string_view(scheme) == "https"};
-  }
-  curl_free(url);
-  curl_free(scheme);
-  return parsed;
-}
-
-long timeoutMilliseconds(double seconds) {
-  if (!std::isfinite(seconds) || seconds <= 0) seconds = VNTRPreferences::kDefaultRequestTimeout;
-  seconds = std::min(seconds, kMaxTimeoutSeconds);
-  // At least 1 ms: curl reads 0 as "no timeout at all".
-  return std::max(1L, static_cast<long>(std::ceil(seconds * 1000.0)));
 }
 
 HTTPError curlError(CURLcode code, const char* description) {
@@ -350,10 +314,9 @@ void HTTPClient::State::configure(CURL* easy, Transfer& transfer) const {
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   // curl speaks many protocols; a server URL of file:// or gopher:// must not reach them.
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-  // A redirect must not move event data from TLS to plain text.
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, request.url.isHTTPS ? "https" : "http,https");
+  // Redirects are not followed: a 3xx is the server's answer, and event data never goes to a
+  // host the Location header names instead of the configured one.
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, request.timeoutMs);
   // Rejects an announced oversized body before any of it is read; writeBody catches the rest.
   curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
@@ -396,9 +359,13 @@ void HTTPClient::State::finish(CURL* easy, CURLcode result) {
   }
   long status = 0;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  char* effectiveURL = nullptr;
-  curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
-  std::string answeringURL = effectiveURL != nullptr ? effectiveURL : transfer->request.url.url;
+  std::optional<double> retryAfter;
+  curl_header* header = nullptr;
+  if (status > 0 &&
+      curl_easy_header(easy, "Retry-After", 0, CURLH_HEADER, -1, &header) == CURLHE_OK) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    retryAfter = parseRetryAfter(header->value, std::chrono::duration<double>(now).count());
+  }
   recycle(easy);
 
   if (transfer->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
@@ -410,7 +377,7 @@ void HTTPClient::State::finish(CURL* easy, CURLcode result) {
   std::optional<std::string> data;
   if (!transfer->data.empty()) data = std::move(transfer->data);
   std::optional<HTTPURLResponse> response;
-  if (status > 0) response = HTTPURLResponse{std::move(answeringURL), status};
+  if (status > 0) response = HTTPURLResponse{transfer->request.url.url, status, retryAfter};
   std::optional<HTTPError> error;
   if (result != CURLE_OK) {
     error = curlError(result, transfer->errorBuffer[0] != '\0' ? transfer->errorBuffer

@@ -20,8 +20,9 @@ namespace vntr {
 /// synchronously on the caller's thread before the call returns, with
 /// HTTPError{"URL Error", 9999, "URL could not be formed from string"}.
 ///
-/// Certificates are always verified; only http and https are spoken (redirects are followed,
-/// never from https down to http); no cookies are kept and nothing is cached. A response body
+/// Certificates are always verified; only http and https are spoken; redirects are not followed
+/// (a 3xx arrives like any other response, its body as the reply); no cookies are kept and
+/// nothing is cached. A "Retry-After" header is passed on in the response. A response body
 /// above `kMaxResponseBytes` is abandoned and reported as a failure with neither data nor
 /// response, so a hostile server cannot exhaust memory.
 ///

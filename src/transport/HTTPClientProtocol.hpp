@@ -3,14 +3,22 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace vntr {
 
 /// A reply that arrived with a status line.
 struct HTTPURLResponse {
-  /// The URL that answered (the last one when redirects were followed).
+  HTTPURLResponse() = default;
+  HTTPURLResponse(std::string answeringURL, long status,
+                  std::optional<double> retryAfter = std::nullopt)
+      : url(std::move(answeringURL)), statusCode(status), retryAfterSeconds(retryAfter) {}
+
+  /// The URL that answered: the one requested (redirects are not followed).
   std::string url;
   long statusCode = 0;
+  /// The wait in seconds a "Retry-After" header asked for, when it carried a usable value.
+  std::optional<double> retryAfterSeconds;
 };
 
 /// A failure of the transport itself, or the unformable-URL error.

@@ -20,7 +20,9 @@ class RouteMonitor;
 /// "unknown" with a warning.
 ///
 /// Every reachable update asks the requester for a batch at once (the `onReachable` hook, wired
-/// to the requester's fire-now rule); the initial state never does. Flags are a lone atomic:
+/// to the requester's fire-now rule); the initial state never does. The kernel monitor reports
+/// only changes of the flags, so link and route traffic that leaves them as they were asks for
+/// nothing. Flags are a lone atomic:
 /// readers on any thread see the last value stored.
 class VNTRReachability {
  public:

@@ -15,12 +15,15 @@ namespace vntr {
 VNTRRequester::VNTRRequester(Executor& mainQueue, EventDataManager& store,
                              VNTRReachability& reachability,
                              std::shared_ptr<HTTPClientProtocol> httpClient,
-                             GetEventsFactory makeGetEvents, ServerURL serverURL)
+                             GetEventsFactory makeGetEvents, ServerURL serverURL,
+                             Switch retryBackoff, RetryBackoff::Random random)
     : mainQueue_(mainQueue),
       store_(store),
       reachability_(reachability),
       makeGetEvents_(std::move(makeGetEvents)),
       serverURL_(std::move(serverURL)),
+      retryBackoff_(std::move(retryBackoff)),
+      backoff_(std::move(random)),
       batchTimer_(std::make_shared<VNTRTimer>()),
       httpClient_(std::move(httpClient)) {}
 
@@ -51,7 +54,11 @@ void VNTRRequester::fireOnMainQueue() {
   // Only the main queue arms timers, so two fire() calls never arm two. A stale timer (expired
   // while offline, block still set) keeps fire() idle until the fire-now rule clears it.
   if (batchTimer()->isValid() || isRequesting.load()) return;
-  const double delay = nextBatchInterval.load();
+  // A backoff wait replaces the interval: a fire-now request that came meanwhile does not
+  // shorten it.
+  const double backoff = backoffDelay_.exchange(0.0);
+  const double delay = backoff > 0.0 ? backoff : nextBatchInterval.load();
+  holdingForBackoff_.store(backoff > 0.0);
   std::weak_ptr<VNTRRequester> weak = weak_from_this();
   auto timer = VNTRTimer::make(mainQueue_, delay, [weak] {
     if (auto self = weak.lock()) self->performRemoteRequests();
@@ -68,6 +75,9 @@ void VNTRRequester::fireNow() {
   nextBatchInterval.store(0.0);
   // A batch in flight calls fire() when it ends, and that timer then uses delay 0.
   if (isRequesting.load()) return;
+  // A server that is failing gets its backoff wait, whoever asks for a batch; the batch after
+  // the wait uses delay 0.
+  if (holdingForBackoff_.load()) return;
   batchTimer()->invalidate();
   fire();
 }
@@ -78,6 +88,7 @@ void VNTRRequester::setBatchInterval(int64_t milliseconds) {
 }
 
 void VNTRRequester::performRemoteRequests() {
+  holdingForBackoff_.store(false);  // the timer came due
   // A detached transport means the runtime is being torn down: touch nothing else.
   auto client = httpClient();
   if (!client) return;
@@ -87,18 +98,42 @@ void VNTRRequester::performRemoteRequests() {
   batchTimer()->invalidate();
 
   auto pending = std::make_shared<PendingTable>();
+  SentBatch sent;
+  std::string body = buildBody(*pending, sent);
+  if (sent.requests == 0) {
+    isRequesting.store(false);
+    return;
+  }
+  reportStatistic(VNTRStatistic::batchRequestSent, 1);
+  reportStatistic(VNTRStatistic::eventsSent, sent.requests);
+  client->post(std::move(body), serverURL_(),
+               [self = shared_from_this(), pending, sent](std::optional<std::string> data,
+                                                          std::optional<HTTPURLResponse> response,
+                                                          std::optional<HTTPError> error) {
+                 self->handleReply(*pending, sent, std::move(data), std::move(response),
+                                   std::move(error));
+               });
+  cycleClock_.requestLeft(firedAt);
+}
+
+std::string VNTRRequester::buildBody(PendingTable& pending, SentBatch& sent) {
   std::string body;
-  int64_t storedEvents = 0;
   // Dequeue, build and tell untracked requests they get no answer, all in one visit to the
   // store queue: the requests are store objects and are only touched there.
   store_.performAndWait([&] {
+    auto events = store_.deQueue(sizer_.requestLimit());
+    if (events.empty()) return;
     std::vector<std::shared_ptr<VNTRMethodProtocol>> methods;
-    for (auto& event : store_.deQueue(maxEventsPerBatch)) methods.push_back(std::move(event));
-    storedEvents = static_cast<int64_t>(methods.size());
-    if (storedEvents == 0) return;
     if (auto getEvents = makeGetEvents_ ? makeGetEvents_() : nullptr) {
       methods.push_back(std::move(getEvents));
     }
+    // Requests beyond the byte cap stay stored for the next batch.
+    std::vector<size_t> sizes;
+    for (const auto& event : events) sizes.push_back(event->jsonData().size());
+    events.resize(BatchSizer::fitting(sizes, methods.empty() ? 0 : methods[0]->jsonData().size()));
+    sent.requests = static_cast<int64_t>(events.size());
+    if (events.size() == 1) sent.only = events.front();
+    methods.insert(methods.begin(), events.begin(), events.end());
     size_t size = 2;
     for (const auto& method : methods) size += method->jsonData().size() + 1;
     body.reserve(size);
@@ -109,29 +144,27 @@ void VNTRRequester::performRemoteRequests() {
       if (methods[i]->id() == EventDataManager::nilID) {
         methods[i]->nilResult();  // it can never be matched to an answer
       } else {
-        (*pending)[methods[i]->id()] = methods[i];
+        pending[methods[i]->id()] = methods[i];
       }
     }
     body += ']';
   });
-  if (storedEvents == 0) {
+  return body;
+}
+
+void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
+                                std::optional<std::string> data,
+                                std::optional<HTTPURLResponse> response,
+                                std::optional<HTTPError> error) {
+  // A detached transport means the runtime is being torn down and may already have destroyed
+  // the store and reachability: the requests stay stored for the next launch.
+  if (!httpClient()) {
     isRequesting.store(false);
     return;
   }
-  reportStatistic(VNTRStatistic::batchRequestSent, 1);
-  reportStatistic(VNTRStatistic::eventsSent, storedEvents);
-  client->post(std::move(body), serverURL_(),
-               [self = shared_from_this(), pending](std::optional<std::string> data,
-                                                    std::optional<HTTPURLResponse> response,
-                                                    std::optional<HTTPError>) {
-                 self->handleReply(*pending, std::move(data), std::move(response));
-               });
-  cycleClock_.requestLeft(firedAt);
-}
-
-void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string> data,
-                                std::optional<HTTPURLResponse> response) {
-  // The error and the status code are not examined: the body decides.
+  // The error and the status code do not change how the answer is handled: the body decides.
+  // They only pace and size the following batches.
+  bool parsed = false;
   if (response) {
     cycleClock_.replyArrived();  // a failed request's next timer waits for the network
     reportStatistic(VNTRStatistic::responseReceived, 1);
@@ -140,16 +173,42 @@ void VNTRRequester::handleReply(PendingTable& pending, std::optional<std::string
     } else {
       reportStatistic(VNTRStatistic::responseDataReceived, 1);
       // One commit for all the requests the answer settles.
-      store_.performAndWaitJoiningSaves([&] { detail::dispatchResults(pending, *data); });
+      store_.performAndWaitJoiningSaves([&] { parsed = detail::dispatchResults(pending, *data); });
     }
-    isRequesting.store(false);
-    fire();
-    return;
+  } else {
+    reportStatistic(VNTRStatistic::requestFailed, 1);
   }
-  reportStatistic(VNTRStatistic::requestFailed, 1);
+  settle(BatchOutcome::of(response, error, data.has_value(), parsed), sent);
   isRequesting.store(false);
   // Offline: the reachability callback restarts the requester when the network returns.
-  if (reachability_.isReachable()) fire();
+  if (response || reachability_.isReachable()) fire();
+}
+
+void VNTRRequester::settle(const BatchOutcome& outcome, const SentBatch& sent) {
+  outcome.log(sent.requests);
+  if (outcome.kind == BatchOutcome::Kind::tooLarge) {
+    if (sizer_.refused(sent.requests) && sent.only) {
+      // Refused even alone: it would block every batch after it, so it goes.
+      const auto& only = sent.only;
+      store_.performAndWait([&] {
+        store_.remove(only->rowId());
+        store_.saveContext();
+      });
+      Debug(VantrelLogLevel::warning,
+            "Removed a request the server refuses as too large (HTTP 413): id \"" + only->id() +
+                "\", " + std::to_string(only->jsonData().size()) + " bytes");
+    }
+  } else if (outcome.kind == BatchOutcome::Kind::answered) {
+    sizer_.accepted();
+  }
+  if (outcome.kind != BatchOutcome::Kind::failed || !retryBackoff_ || !retryBackoff_()) {
+    backoff_.reset();
+    return;
+  }
+  const double delay = backoff_.nextDelay(batchIntervalSeconds.load(), outcome.retryAfter);
+  backoffDelay_.store(delay);
+  Debug(VantrelLogLevel::info, "Next batch in " + std::to_string(delay) + " s (backoff after " +
+                                   std::to_string(backoff_.failures()) + " failed batches)");
 }
 
 namespace {
@@ -171,11 +230,11 @@ std::string errorMessage(const nlohmann::json& error) {
 
 }  // namespace
 
-void detail::dispatchResults(PendingTable& pending, const std::string& data) {
+bool detail::dispatchResults(PendingTable& pending, const std::string& data) {
   auto parsed = VNTRRequestResponse::make(data);
   if (!parsed) {
     reportStatistic(VNTRStatistic::responseUnparsable, 1);
-    return;
+    return false;
   }
   reportStatistic(VNTRStatistic::responseParsed, 1);
   for (const auto& answer : parsed->methodResponses) {
@@ -189,6 +248,7 @@ void detail::dispatchResults(PendingTable& pending, const std::string& data) {
     }
     if (answer.remoteError) Debug(VantrelLogLevel::error, errorMessage(*answer.remoteError));
   }
+  return true;
 }
 
 }  // namespace vntr

@@ -11,7 +11,10 @@
 
 #include "model/VNTRMethodProtocol.hpp"
 #include "transport/BatchCycleClock.hpp"
+#include "transport/BatchOutcome.hpp"
+#include "transport/BatchSizer.hpp"
 #include "transport/HTTPClientProtocol.hpp"
+#include "transport/RetryBackoff.hpp"
 #include "transport/VNTRBatchDispatch.hpp"
 #include "transport/VNTRTimer.hpp"
 
@@ -19,6 +22,7 @@ namespace vntr {
 
 class EventDataManager;
 class VNTRReachability;
+class VNTRSyncEvent;
 
 /// The batching sender. Decides when a batch goes out, takes up to 80 of the newest queued
 /// event requests plus one get-events request, posts them as one JSON array, hands each answer
@@ -37,12 +41,14 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
   using GetEventsFactory = std::function<std::shared_ptr<VNTRMethodProtocol>()>;
   using ServerURL = std::function<std::string()>;
+  using Switch = std::function<bool()>;
 
   /// `makeGetEvents` runs on the store queue and may yield nothing (the batch then goes without
-  /// it); `serverURL` is read at each batch.
+  /// it); `serverURL` is read at each batch; `retryBackoff` after each reply (empty: off), with
+  /// `random` as the backoff's jitter source (empty: a seeded generator).
   VNTRRequester(Executor& mainQueue, EventDataManager& store, VNTRReachability& reachability,
                 std::shared_ptr<HTTPClientProtocol> httpClient, GetEventsFactory makeGetEvents,
-                ServerURL serverURL);
+                ServerURL serverURL, Switch retryBackoff = {}, RetryBackoff::Random random = {});
 
   /// Asks for the next batch: arms the timer with `nextBatchInterval` unless a timer is armed
   /// (or stale) or a batch is in flight. Returns at once.
@@ -68,10 +74,18 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
 
  private:
   using PendingTable = detail::PendingTable;
+  /// What the reply handling needs to know about the batch it answers.
+  struct SentBatch {
+    int64_t requests = 0;
+    std::shared_ptr<VNTRSyncEvent> only;  // the stored request, when there was just one
+  };
 
   void fireOnMainQueue();
-  void handleReply(PendingTable& pending, std::optional<std::string> data,
-                   std::optional<HTTPURLResponse> response);
+  std::string buildBody(PendingTable& pending, SentBatch& sent);
+  void handleReply(PendingTable& pending, const SentBatch& sent, std::optional<std::string> data,
+                   std::optional<HTTPURLResponse> response, std::optional<HTTPError> error);
+  /// Sizing, dropping a request the server never accepts, and backoff; before `fire()`.
+  void settle(const BatchOutcome& outcome, const SentBatch& sent);
 
   Executor& mainQueue_;
   EventDataManager& store_;
@@ -79,6 +93,13 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   GetEventsFactory makeGetEvents_;
   ServerURL serverURL_;
   BatchCycleClock cycleClock_;
+  Switch retryBackoff_;
+  BatchSizer sizer_{maxEventsPerBatch};
+  RetryBackoff backoff_;
+  // Backoff's wait for the next timer; taken (and cleared) when that timer is armed.
+  std::atomic<double> backoffDelay_{0.0};
+  // A timer armed with a backoff wait has not come due yet: fire-now leaves it alone.
+  std::atomic<bool> holdingForBackoff_{false};
 
   mutable std::mutex mutex_;
   std::shared_ptr<VNTRTimer> batchTimer_;           // guarded by mutex_

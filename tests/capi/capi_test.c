@@ -95,6 +95,11 @@ int main(void) {
   CHECK(vntr_set_server_url("http://127.0.0.1:9/tags") == VNTR_OK);
   vntr_set_request_timeout(-1.0);
   vntr_set_request_timeout(5.0);
+  CHECK(vntr_set_consent_check_url("\xff") == VNTR_INVALID_ARGUMENT);
+  CHECK(vntr_set_consent_check_url("http://127.0.0.1:9/gdpr/check/json/current") == VNTR_OK);
+  CHECK(vntr_set_consent_check_url(NULL) == VNTR_OK);
+  vntr_set_retry_backoff(1);
+  vntr_set_retry_backoff(0);
 
   vntr_set_logging_callback(NULL, NULL);
   vntr_set_delegate(NULL, NULL);

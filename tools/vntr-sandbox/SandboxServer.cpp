@@ -160,7 +160,8 @@ json toJSON(const Faults& f) {
           {"malformedBody", f.malformedBody},
           {"emptyBody", f.emptyBody},
           {"delayMs", f.delayMs},
-          {"closeConnection", f.closeConnection}};
+          {"closeConnection", f.closeConnection},
+          {"retryAfter", f.retryAfterSeconds}};
 }
 
 std::optional<std::string> applyFaults(const json& patch, Faults& faults) {
@@ -175,6 +176,10 @@ std::optional<std::string> applyFaults(const json& patch, Faults& faults) {
       const auto delay = integerIn(value, 0, kMaxDelayMs);
       if (!delay) return "delayMs must be an integer from 0 to 600000";
       next.delayMs = static_cast<int>(*delay);
+    } else if (key == "retryAfter") {
+      const auto seconds = integerIn(value, 0, 86400);
+      if (!seconds) return "retryAfter must be an integer from 0 to 86400";
+      next.retryAfterSeconds = static_cast<int>(*seconds);
     } else if (key == "dropShare") {
       if (!value.is_number() || value.get<double>() < 0.0 || value.get<double>() > 1.0) {
         return "dropShare must be a number from 0 to 1";
@@ -362,6 +367,9 @@ struct SandboxServer::Impl {
       return;
     }
     res.status = plan.faults.statusCode;
+    if (plan.faults.retryAfterSeconds > 0) {
+      res.set_header("Retry-After", std::to_string(plan.faults.retryAfterSeconds));
+    }
     if (plan.faults.emptyBody) return;
     std::string text = dumpJSON(plan.answer);
     // Every proper prefix of a JSON array is invalid JSON, so half of the answer never parses.

@@ -23,6 +23,7 @@ struct Faults {
   bool emptyBody = false;      ///< The answer has no body at all.
   int delayMs = 0;             ///< Wait this long before answering (cut short by stop()).
   bool closeConnection = false;  ///< Read the request, then close the connection without answer.
+  int retryAfterSeconds = 0;     ///< Send "Retry-After" with this many seconds (0: no header).
 };
 
 struct SandboxConfig {

@@ -99,6 +99,9 @@ int main(int argc, char** argv) {
   app.add_option("--delay-ms", f.delayMs, "Wait before answering a batch")
       ->check(CLI::Range(0, 600000));
   app.add_flag("--close", f.closeConnection, "Close the connection instead of answering");
+  app.add_option("--retry-after", f.retryAfterSeconds,
+                 "Send Retry-After with this many seconds in batch answers")
+      ->check(CLI::Range(0, 86400));
   app.add_flag("-q,--quiet", quiet, "Do not print a line per batch");
 
   try {

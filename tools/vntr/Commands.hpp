@@ -33,6 +33,7 @@ struct FireOptions {
   std::string defaults;  ///< User defaults file; empty: the process default.
   bool notSubjectToGdpr = false;
   bool assumeOnline = false;
+  bool backoff = false;
   bool verbose = false;
 };
 

@@ -53,6 +53,7 @@ std::optional<std::string> configureLibrary(const FireOptions& options,
   auto& preferences = VNTRPreferences::sharedPreferences();
   preferences.setLogLevel(options.verbose ? VantrelLogLevel::verbose : VantrelLogLevel::warning);
   if (!options.server.empty()) preferences.setServerURL(options.server);
+  preferences.setRetryBackoff(options.backoff);
   return std::nullopt;
 }
 

@@ -69,6 +69,8 @@ CLI::App* addFire(CLI::App& app, FireOptions& o) {
                  "Store IABConsent_SubjectToGDPR=0 in the user defaults before firing");
   fire->add_flag("--assume-online", o.assumeOnline,
                  "Treat the network as reachable instead of watching the kernel's routes");
+  fire->add_flag("--backoff", o.backoff,
+                 "Wait longer after each failed batch (exponential backoff with jitter)");
   fire->add_flag("--verbose", o.verbose, "Show the library's log at verbose level");
   return fire;
 }

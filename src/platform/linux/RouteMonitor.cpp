@@ -149,6 +149,7 @@ struct RouteMonitor::State {
   UniqueFd stop;      // eventfd written by the destructor
   std::vector<uint64_t> buffer = std::vector<uint64_t>(kBufferBytes / sizeof(uint64_t));
   uint32_t sequence = 0;
+  uint32_t lastReported = 0;  // the flags the callback last heard (the initial read at first)
 
   enum class Outcome { complete, failed, stopped };
 
@@ -278,7 +279,13 @@ void RouteMonitor::State::run() {
     const Outcome outcome = readFlags(flags);
     if (outcome == Outcome::stopped) return;
     retryPending = outcome == Outcome::failed;
-    if (outcome == Outcome::complete) runGuarded([this, flags] { onChange(flags); });
+    // Most link and route traffic (bridges, veths, containers, router advertisements) leaves the
+    // reachability as it was; the callback hears only real changes, as a platform reachability
+    // service would, so such traffic never asks the requester for a batch.
+    if (outcome == Outcome::complete && flags != lastReported) {
+      lastReported = flags;
+      runGuarded([this, flags] { onChange(flags); });
+    }
   }
 }
 
@@ -293,6 +300,7 @@ std::unique_ptr<RouteMonitor> RouteMonitor::start(Callback onChange) {
     if (!state->events.valid() || !state->stop.valid()) return nullptr;
     uint32_t flags = 0;
     if (state->readFlags(flags) != State::Outcome::complete) return nullptr;
+    state->lastReported = flags;
     std::unique_ptr<RouteMonitor> monitor(new RouteMonitor(std::move(state), flags));
     monitor->thread_ = std::thread([shared = monitor->state_] {
       // Linux limits thread names to 15 characters.

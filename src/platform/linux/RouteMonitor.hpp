@@ -12,15 +12,16 @@
 namespace vntr {
 
 /// Watches the kernel's links and routes over rtnetlink and reports reachability flags
-/// (see reachabilityFlagsFor) whenever they may have changed.
+/// (see reachabilityFlagsFor) whenever they change.
 ///
 /// One thread, named "VNTRReachability" (cut to the 15 characters Linux allows), waits on the
 /// multicast socket. A wake-up drains every pending notification and keeps draining until they
 /// pause for a few milliseconds (at most 200 ms), so a burst of changes (or a socket overflow,
 /// which loses them) costs one recomputation from a fresh dump on a separate request socket;
 /// memory stays bounded by one receive buffer per socket. The callback
-/// runs on that thread after every relevant burst, also when the flags did not change; what it
-/// throws is caught and logged. A dump that fails is retried a second later.
+/// runs on that thread after a burst that changed the flags (compared with the last report, or
+/// with the initial read), never for one that left them as they were; what it throws is caught
+/// and logged. A dump that fails is retried a second later.
 ///
 /// The sockets and buffers are confined to the monitor thread once start() has returned.
 class RouteMonitor {
