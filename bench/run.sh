@@ -83,6 +83,16 @@ else
   echo "(valgrind is not installed)" | tee -a "$txt"
 fi
 
+syncs='null'
+section "Syncs to stable storage while 10,000 calls are stored (strace)" \
+  "bench/syncs.sh vntr-bench 10000"
+if command -v strace >/dev/null && syncs=$(bench/syncs.sh "$vntr_bench" 10000); then
+  echo "$syncs" | tee -a "$txt"
+else
+  syncs='null'
+  echo "(strace is not installed, or the run failed)" | tee -a "$txt"
+fi
+
 finished=$(date -u +%Y-%m-%dT%H:%M:%SZ)
 printf '\nfinished: %s; load average at the end: %s\n' "$finished" "$(cut -d' ' -f1-3 /proc/loadavg)" \
   | tee -a "$txt"
@@ -92,7 +102,7 @@ printf '\nfinished: %s; load average at the end: %s\n' "$finished" "$(cut -d' ' 
     "$started" "$finished" "$commit" "$(nproc)" "$cpu"
   printf '"load_average_at_start":"%s",\n"end_to_end":[' "$load"
   paste -sd, "$work/end_to_end.jsonl"
-  printf '],\n"callgrind":%s,\n"store_bench":' "$callgrind"
+  printf '],\n"callgrind":%s,\n"syncs":%s,\n"store_bench":' "$callgrind" "$syncs"
   cat "$work/store.json"
   printf ',\n"micro_bench":'
   cat "$work/micro.json"

@@ -1,10 +1,13 @@
 // Event store figures: checkID and deQueue(80) on a large queue, start-up (open + trim), and
-// how many events per second go from createEvent to committed.
+// how many events per second go from createEvent to committed, and what one fdatasync of a
+// freshly written page costs on the disk holding the temporary directory (each commit pays one).
 //
 //   build/<release dir>/bench/vntr_store_bench [--benchmark_filter=...]
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -229,6 +232,24 @@ BENCHMARK(BM_eventsStored)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(5);
+
+// One 4 KiB write at the end of a file and the fdatasync that makes it durable, as a WAL commit
+// appends its frames and syncs them.
+void BM_fdatasync(benchmark::State& state) {
+  const fs::path dir = makeTempDir();
+  const int fd = ::open((dir / "sync").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  const std::string page(4096, 'p');
+  for (auto _ : state) {
+    if (fd < 0 || ::write(fd, page.data(), page.size()) != static_cast<ssize_t>(page.size()) ||
+        ::fdatasync(fd) != 0) {
+      state.SkipWithError("cannot write and sync a temporary file");
+      break;
+    }
+  }
+  if (fd >= 0) ::close(fd);
+  fs::remove_all(dir);
+}
+BENCHMARK(BM_fdatasync)->Unit(benchmark::kMicrosecond)->Iterations(200);
 
 }  // namespace
 }  // namespace vntr

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include "core/Resources.hpp"
 #include "core/VNTRDebug.hpp"
@@ -16,12 +19,16 @@ constexpr std::chrono::seconds kReferenceDate{978'307'200};
 
 std::string timestamp(TimePoint date) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
+  // Every request built within one second carries the same text: formatted once per second.
+  thread_local std::pair<int64_t, std::string> last{INT64_MIN, {}};
+  if (last.first == seconds) return last.second;
   const auto t = static_cast<std::time_t>(seconds);
   std::tm utc{};
   gmtime_r(&t, &utc);
   char text[32];
   const size_t n = std::strftime(text, sizeof text, "%Y%m%d%H%M%S", &utc);
-  return std::string(text, n);
+  last = {seconds, std::string(text, n)};
+  return last.second;
 }
 
 double referenceDateSeconds(TimePoint date) {
@@ -56,6 +63,50 @@ std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name) {
     return std::nullopt;
   }
   return parsed;
+}
+
+bool appendJSONString(std::string& out, std::string_view text) {
+  if (!isValidUTF8(text)) return false;
+  static constexpr char kHex[] = "0123456789abcdef";
+  out += '"';
+  size_t plain = 0;  // start of the run of characters copied as they are
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(text, plain, i - plain);
+    plain = i + 1;
+    out += '\\';
+    switch (c) {
+      case '"':
+        out += '"';
+        break;
+      case '\\':
+        out += '\\';
+        break;
+      case '\b':
+        out += 'b';
+        break;
+      case '\f':
+        out += 'f';
+        break;
+      case '\n':
+        out += 'n';
+        break;
+      case '\r':
+        out += 'r';
+        break;
+      case '\t':
+        out += 't';
+        break;
+      default:
+        out += "u00";
+        out += kHex[c >> 4];
+        out += kHex[c & 0xf];
+    }
+  }
+  out.append(text, plain, text.size() - plain);
+  out += '"';
+  return true;
 }
 
 bool isValidUTF8(std::string_view text) {

@@ -28,6 +28,10 @@ std::optional<nlohmann::json> dictionaryFromJSFileNamed(std::string_view name);
 /// True when `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
 bool isValidUTF8(std::string_view text);
 
+/// Appends `text` as a JSON string, quoted and escaped exactly as nlohmann::json's dump() writes
+/// it; false (and `out` unchanged) when `text` is not valid UTF-8, where dump() would throw.
+bool appendJSONString(std::string& out, std::string_view text);
+
 /// True when the JSON text nests arrays and objects at most `limit` deep. A cheap pre-check
 /// before parsing untrusted text: brackets inside strings are not counted.
 bool jsonNestingWithin(std::string_view text, size_t limit);

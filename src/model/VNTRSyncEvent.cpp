@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <stdexcept>
@@ -232,18 +231,41 @@ std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const s
   const std::string connectionType = env.connectionType ? env.connectionType() : std::string();
   try {
     if (layout->usable()) {
-      const std::string idText = id.empty() ? layout->templateId() : json(id).dump();
-      const std::string eventsText = json(events).dump();
-      const std::string groupText = json(eventGroup).dump();
-      const std::string timeText = json(timestamp(now)).dump();
-      const std::string connectionText = json(connectionType).dump();
+      // The members' JSON texts, written one after another into one buffer kept by the thread.
+      thread_local std::string written;
+      written.clear();
+      std::array<size_t, RequestLayout::Slot::count + 1> ends{};
+      const auto end = [&](RequestLayout::Slot slot) { ends[slot + 1] = written.size(); };
+      bool valid = true;
+      if (id.empty()) {
+        written += layout->templateId();
+      } else {
+        valid = appendJSONString(written, id);
+      }
+      end(RequestLayout::id);
+      written += '[';
+      for (size_t i = 0; valid && i < events.size(); ++i) {
+        if (i > 0) written += ',';
+        valid = appendJSONString(written, events[i]);
+      }
+      written += ']';
+      end(RequestLayout::events);
+      valid = valid && appendJSONString(written, eventGroup);
+      end(RequestLayout::eventGroup);
+      valid = valid && appendJSONString(written, timestamp(now));
+      end(RequestLayout::eventTime);
+      end(RequestLayout::eventData);  // comes as it is, not from the buffer
+      valid = valid && appendJSONString(written, connectionType);
+      end(RequestLayout::connectionType);
+      if (!valid) {
+        Debug(VantrelLogLevel::error, kSerializationFailed);
+        return std::nullopt;
+      }
       RequestLayout::Texts texts;
-      texts[RequestLayout::id] = idText;
-      texts[RequestLayout::events] = eventsText;
-      texts[RequestLayout::eventGroup] = groupText;
-      texts[RequestLayout::eventTime] = timeText;
+      for (size_t slot = 0; slot < RequestLayout::Slot::count; ++slot) {
+        texts[slot] = std::string_view(written).substr(ends[slot], ends[slot + 1] - ends[slot]);
+      }
       texts[RequestLayout::eventData] = eventDataText;
-      texts[RequestLayout::connectionType] = connectionText;
       return layout->render(texts);
     }
     VariableMembers members{id.empty() ? std::nullopt : std::optional<std::string>(id),
@@ -332,83 +354,7 @@ void drainPendingBuilds(const SyncEventEnvironment& env) {
   }
 }
 
-// A packed build: priority (1 byte), event count, each event, the group and the event data
-// text, every count and length a native 32-bit integer.
-constexpr size_t kBufferBytes = 32 * 1024;
-
-uint32_t pieceLength(size_t size) {
-  if (size > UINT32_MAX) throw std::length_error("event piece too long");
-  return static_cast<uint32_t>(size);
-}
-
-void put(std::string& buffer, uint32_t value) {
-  char bytes[sizeof value];
-  std::memcpy(bytes, &value, sizeof value);
-  buffer.append(bytes, sizeof value);
-}
-
-void put(std::string& buffer, std::string_view piece) {
-  put(buffer, static_cast<uint32_t>(piece.size()));
-  buffer.append(piece);
-}
-
-uint32_t takeLength(std::string_view& buffer) {
-  uint32_t value = 0;
-  std::memcpy(&value, buffer.data(), sizeof value);
-  buffer.remove_prefix(sizeof value);
-  return value;
-}
-
-std::string_view takePiece(std::string_view& buffer) {
-  const uint32_t size = takeLength(buffer);
-  const std::string_view piece = buffer.substr(0, size);
-  buffer.remove_prefix(size);
-  return piece;
-}
-
 }  // namespace
-
-bool PendingBuilds::append(VNTREventPriority priority, const std::vector<std::string>& events,
-                           std::string_view eventGroup, std::string_view eventDataText) {
-  size_t size = 1 + sizeof(uint32_t) * 3 + eventGroup.size() + eventDataText.size();
-  pieceLength(events.size());
-  for (const auto& event : events) size += sizeof(uint32_t) + pieceLength(event.size());
-  pieceLength(eventGroup.size());
-  pieceLength(eventDataText.size());
-  std::scoped_lock lock(mutex_);
-  if (buffers_.empty() || buffers_.back().size() + size > buffers_.back().capacity()) {
-    buffers_.emplace_back().reserve(std::max(size, kBufferBytes));
-  }
-  std::string& buffer = buffers_.back();
-  buffer.push_back(static_cast<char>(priority));
-  put(buffer, static_cast<uint32_t>(events.size()));
-  for (const auto& event : events) put(buffer, event);
-  put(buffer, eventGroup);
-  put(buffer, eventDataText);
-  return !std::exchange(drainScheduled_, true);
-}
-
-std::deque<std::string> PendingBuilds::takeAll() {
-  std::scoped_lock lock(mutex_);
-  drainScheduled_ = false;
-  return std::exchange(buffers_, {});
-}
-
-void PendingBuilds::forEach(
-    std::string_view buffer,
-    const std::function<void(VNTREventPriority, const std::vector<std::string>&, const std::string&,
-                             std::string_view)>& build) {
-  std::vector<std::string> events;
-  std::string eventGroup;
-  while (!buffer.empty()) {
-    const auto priority = static_cast<VNTREventPriority>(buffer.front());
-    buffer.remove_prefix(1);
-    events.resize(takeLength(buffer));
-    for (auto& event : events) event = takePiece(buffer);
-    eventGroup = takePiece(buffer);
-    build(priority, events, eventGroup, takePiece(buffer));
-  }
-}
 
 void VNTRSyncEvent::createEvent(const SyncEventEnvironment& env,
                                 const std::vector<std::string>& events,

@@ -38,7 +38,7 @@ struct EventFacts {
 class PendingBuilds {
  public:
   /// Packs one build after the others; true when the caller must schedule a drain. Throws
-  /// std::length_error for a piece longer than 4 GiB.
+  /// std::length_error for a piece longer than 4 GiB (nothing of the build is kept then).
   bool append(VNTREventPriority priority, const std::vector<std::string>& events,
               std::string_view eventGroup, std::string_view eventDataText);
   /// Every buffer of packed builds, oldest first; the next `append` schedules a drain again.
@@ -53,6 +53,10 @@ class PendingBuilds {
   std::mutex mutex_;
   std::deque<std::string> buffers_;
   bool drainScheduled_ = false;
+  // The names and group of the last entry packed into the newest buffer.
+  std::vector<std::string> lastEvents_;
+  std::string lastGroup_;
+  bool hasLast_ = false;
 };
 
 /// The collaborators of event building. Must outlive every build queued with it: the wiring

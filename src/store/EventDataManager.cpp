@@ -1,5 +1,6 @@
 #include "store/EventDataManager.hpp"
 
+#include <malloc.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -22,6 +23,8 @@ using store::Row;
 
 constexpr int64_t kMaxQueuedAtStartup = 10000;
 constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
+// After a burst of at least this many saves the memory it used is handed back.
+constexpr size_t kLargeBurst = 1024;
 
 constexpr const char* kNoStoreDescription = "The event store could not be opened";
 
@@ -66,6 +69,14 @@ class EventDataManager::Impl {
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
   }
+  // A large burst leaves its intake buffers, built requests and SQLite's cache pages freed but
+  // kept by the allocator (in the arenas of the threads that made them), and a host mostly
+  // idles after one, so the pages go back to the system. malloc_trim walks every arena of the
+  // process, the host's too, and only returns pages that are free; once per large burst.
+  void releaseMemory() {
+    if (db_) sqlite3_db_release_memory(db_->handle());
+    ::malloc_trim(0);
+  }
 
   const std::shared_ptr<Executor> queue_;
   const std::shared_ptr<const Clock> clock_;
@@ -77,7 +88,8 @@ class EventDataManager::Impl {
   store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
-  bool inBurst_ = false;  // runBatched: the burst's transaction outlives the saves inside it
+  bool inBurst_ = false;   // runBatched: the burst's transaction outlives the saves inside it
+  size_t burstSaves_ = 0;  // saves asked for since the burst began
 
   std::atomic<int64_t> queuedBatched_{0};  // batched tasks posted and not yet started
 };
@@ -105,7 +117,7 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
   queuedBatched_.fetch_sub(1, std::memory_order_acq_rel);
   // While a burst lasts, one transaction spans it: the id lookups of its builds then run
   // without taking and dropping the file locks each time, and the save commits it.
-  if (db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
+  if (db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
   {
     // Reset however the task ends: a host may end this thread inside a callback of it, and
     // whoever runs the queue after that must find the store outside any burst.
@@ -122,7 +134,10 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
     saveContext();
   }
   // A burst that ends with nothing to save still releases its transaction.
-  if (burstOver) endTransaction();
+  if (burstOver) {
+    endTransaction();
+    if (std::exchange(burstSaves_, 0) >= kLargeBurst) releaseMemory();
+  }
 }
 
 void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
@@ -139,7 +154,8 @@ void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
     bool began = false;
     explicit Joining(Impl& i) : impl(i) {
       impl.batching_ = true;
-      began = impl.db_ && !impl.db_->inTransaction() && impl.db_->exec("BEGIN IMMEDIATE");
+      // Answers only delete: their commit need not wait for the disk (see UnitOfWork::commit).
+      began = impl.db_ && !impl.db_->inTransaction() && impl.db_->begin(/*durable=*/false);
     }
     ~Joining() {
       impl.batching_ = false;
@@ -329,12 +345,13 @@ void EventDataManager::Impl::saveContext() {
 
 void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   afterSave_.push_back(std::move(afterSave));
+  if (inBurst_) ++burstSaves_;
   // A joined commit is bounded even inside one task that saves many times.
   if (batching_ && afterSave_.size() < EventDataManager::kMaxBatchedSaves) return;
   saveContext();
   // The builds still to come in this burst keep looking ids up; without an open transaction
   // every lookup would take and drop the file locks again.
-  if (inBurst_ && db_ && !db_->inTransaction()) db_->exec("BEGIN IMMEDIATE");
+  if (inBurst_ && db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
 }
 
 int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {

@@ -117,4 +117,12 @@ Error Database::lastError() const {
 
 bool Database::inTransaction() const { return sqlite3_get_autocommit(db_) == 0; }
 
+bool Database::begin(bool durable) {
+  if (durable != durable_ &&
+      exec(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL")) {
+    durable_ = durable;
+  }
+  return exec("BEGIN IMMEDIATE");
+}
+
 }  // namespace vntr::sqlite

@@ -73,6 +73,12 @@ class Database {
   Error lastError() const;
   /// True while a transaction begun with BEGIN is open.
   bool inTransaction() const;
+  /// Begins a write transaction (BEGIN IMMEDIATE) whose commit waits until the log is on stable
+  /// storage (`durable`, synchronous=FULL) or not (NORMAL). SQLite takes that setting only
+  /// between transactions, so it is chosen here.
+  bool begin(bool durable);
+  /// Whether commits sync: the choice of the last `begin`.
+  bool durable() const { return durable_; }
   sqlite3* handle() const { return db_; }
 
  private:
@@ -84,6 +90,7 @@ class Database {
   };
 
   sqlite3* db_;
+  bool durable_ = true;  // SQLite's default, synchronous=FULL
   std::unordered_map<std::string, sqlite3_stmt*, Hash, std::equal_to<>> cache_;
 };
 

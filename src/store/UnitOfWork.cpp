@@ -43,8 +43,10 @@ bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
     if (db.inTransaction()) db.exec("ROLLBACK");
     return false;
   };
-  // A burst may already have begun the transaction.
-  if (!db.inTransaction() && !db.exec("BEGIN IMMEDIATE")) return fail();
+  // A burst may already have begun the transaction. A commit that only deletes answered
+  // requests is not synced: the batch cycle waits for it, and a power cut can at worst send
+  // them again; the next synced commit carries the log up to itself, those deletes included.
+  if (!db.inTransaction() && !db.begin(!inserted_.empty())) return fail();
   for (const int64_t pk : deleted_) {
     auto del = db.statement(kDelete);
     del.bind(1, pk);
@@ -57,6 +59,9 @@ bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
     if (!bound || ins.step() != sqlite::Statement::Step::done) return fail();
   }
   if (!db.exec("COMMIT")) return fail();
+  // New requests in a transaction begun without syncing (none are expected there): a checkpoint
+  // syncs the log first, so they too are on stable storage before anyone hears of them.
+  if (!db.durable() && !inserted_.empty()) db.exec("PRAGMA wal_checkpoint(PASSIVE)");
   inserted_.clear();
   insertedIds_.clear();
   deleted_.clear();

@@ -89,6 +89,7 @@ void VNTRRequester::fireOnMainQueue() {
     std::scoped_lock lock(mutex_);
     batchTimer_ = std::move(timer);
   }
+  cycleClock_.timerArmed();
   nextBatchInterval.store(batchIntervalSeconds.load());
 }
 
@@ -114,6 +115,7 @@ void VNTRRequester::performRemoteRequests() {
   auto client = httpClient();
   if (!client) return;
   if (!reachability_.isReachable()) return;  // Stale: the timer keeps its block
+  const int64_t firedAt = cycleClock_.timerFired();
   isRequesting.store(true);
   batchTimer()->invalidate();
   // Another process has a batch in flight on this queue file: try again at the next timer.
@@ -139,6 +141,7 @@ void VNTRRequester::performRemoteRequests() {
                  self->handleReply(*pending, sent, std::move(data), std::move(response),
                                    std::move(error));
                });
+  cycleClock_.requestLeft(firedAt);
 }
 
 std::string VNTRRequester::buildBody(PendingTable& pending, SentBatch& sent) {
@@ -191,6 +194,7 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
   // They only pace and size the following batches.
   bool parsed = false;
   if (response) {
+    cycleClock_.replyArrived();  // a failed request's next timer waits for the network
     reportStatistic(VNTRStatistic::responseReceived, 1);
     if (!data) {
       reportStatistic(VNTRStatistic::responseEmpty, 1);

@@ -10,6 +10,7 @@
 #include <vntr/Executor.hpp>
 
 #include "model/VNTRMethodProtocol.hpp"
+#include "transport/BatchCycleClock.hpp"
 #include "transport/BatchOutcome.hpp"
 #include "transport/BatchSizer.hpp"
 #include "transport/HTTPClientProtocol.hpp"
@@ -77,6 +78,8 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   /// For the owner's teardown: a reply that arrives afterwards touches nothing, as the store and
   /// reachability may already be gone (its requests stay stored for a later launch). Any thread.
   void detach();
+  /// The time this side of the network spent in the batch cycles so far.
+  BatchCycleClock::Totals cycleTotals() const { return cycleClock_.totals(); }
 
  private:
   using PendingTable = detail::PendingTable;
@@ -100,6 +103,7 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   VNTRReachability& reachability_;
   GetEventsFactory makeGetEvents_;
   ServerURL serverURL_;
+  BatchCycleClock cycleClock_;
   Switch retryBackoff_;
   BatchSizer sizer_{maxEventsPerBatch};
   RetryBackoff backoff_;

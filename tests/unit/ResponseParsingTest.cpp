@@ -52,6 +52,28 @@ TEST(VNTRRequestResponse, keepsUsableEntriesInOrderAndSkipsTheRestOneByOne) {
   EXPECT_EQ(log.lines(), std::vector<std::string>(4, kBadEntry));
 }
 
+// The answer is read without building the whole document; it must read as the document would:
+// the last of repeated members counts, and nested results arrive whole.
+TEST(VNTRRequestResponse, readsEntriesAsTheWholeDocumentWould) {
+  const std::string body =
+      R"([{"id":7,"id":"g","result":{}}, {"id":"h","result":{},"result":1},
+          {"x":{"id":"no","result":{}},"id":"n","result":{"a":[1,{"b":2.5,"c":"s"}],"t":null}},
+          {"id":"e","error":{"code":-1,"data":[true,"x"]},"error":{"message":"last"}}])";
+  const auto response = VNTRRequestResponse::make(body);
+  ASSERT_TRUE(response);
+  std::vector<nlohmann::json> read;
+  for (const auto& entry : response->methodResponses) {
+    read.push_back({{"id", entry.id},
+                    {"result", entry.remoteResult.value_or(nullptr)},
+                    {"error", entry.remoteError.value_or(nullptr)}});
+  }
+  const auto expected = nlohmann::json::parse(R"([
+      {"id":"g","result":{},"error":null},
+      {"id":"n","result":{"a":[1,{"b":2.5,"c":"s"}],"t":null},"error":null},
+      {"id":"e","result":null,"error":{"message":"last"}}])");
+  EXPECT_EQ(nlohmann::json(read), expected);
+}
+
 TEST(VNTRRequestResponse, emptyArrayIsAnAnswerWithNoEntriesAndNoLog) {
   test::CapturingLog log;
   const auto response = VNTRRequestResponse::make("[]");

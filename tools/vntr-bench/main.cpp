@@ -8,45 +8,25 @@
 // The server runs in a child process unless --in-process-server is given: it keeps every
 // request it receives, which would otherwise count as this process's memory and instructions.
 
-#include <sys/resource.h>
-
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <latch>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <numeric>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 #include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRPreferences.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
 #include "CliSupport.hpp"
-#include "Runtime.hpp"
+#include "Measurements.hpp"
 #include "SandboxProcess.hpp"
-#include "store/EventDataManager.hpp"
-#include "transport/HTTPClient.hpp"
 #include "transport/VNTRReachability.hpp"
 
 namespace vntr::bench {
 namespace {
-
-using nlohmann::json;
-using SteadyClock = std::chrono::steady_clock;
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
@@ -126,285 +106,6 @@ std::optional<Options> parse(int argc, char** argv) {
   return o;
 }
 
-int64_t nanosSince(SteadyClock::time_point start, SteadyClock::time_point end) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count();
-}
-
-double secondsBetween(SteadyClock::time_point start, SteadyClock::time_point end) {
-  return std::chrono::duration<double>(end - start).count();
-}
-
-double round3(double value) { return std::round(value * 1000.0) / 1000.0; }
-
-// Sums every statistic and wakes a waiter when a watched total reaches its target, noting when
-// that happened (on the library thread that reported it, so the time is exact).
-class BenchDelegate final : public VNTRTagManagerDelegate {
- public:
-  void notifyForStatistic(int64_t statistic, int64_t adjustment) override {
-    if (statistic < 0 || statistic >= kCount) return;
-    const auto s = static_cast<size_t>(statistic);
-    const int64_t total = totals_[s].fetch_add(adjustment) + adjustment;
-    if (statistic == VNTRStatistic::batchRequestSent) noteSent();
-    if (statistic == VNTRStatistic::responseReceived) noteReply();
-    const int64_t target = targets_[s].load();
-    if (target > 0 && total >= target && total - adjustment < target) {
-      reachedAt_[s].store(SteadyClock::now().time_since_epoch().count());
-      std::scoped_lock lock(mutex_);
-      reached_.notify_all();
-    }
-  }
-
-  /// Batches are never in flight together, so sends and replies alternate: the time from a
-  /// send to its reply is the round trip (transfer and server), from a reply to the next send
-  /// the client's handling of the reply plus the pause the server asked for.
-  struct Cycles {
-    int64_t roundTrips = 0;
-    double roundTripMs = 0;  // mean
-    int64_t gaps = 0;
-    double gapMs = 0;  // mean
-  };
-  void resetCycles() {
-    lastSent_.store(0);
-    lastReply_.store(0);
-    roundTripNanos_.store(0);
-    roundTrips_.store(0);
-    gapNanos_.store(0);
-    gaps_.store(0);
-  }
-  Cycles cycles() const {
-    Cycles c;
-    c.roundTrips = roundTrips_.load();
-    c.gaps = gaps_.load();
-    if (c.roundTrips > 0) {
-      c.roundTripMs =
-          static_cast<double>(roundTripNanos_.load()) / 1e6 / static_cast<double>(c.roundTrips);
-    }
-    if (c.gaps > 0)
-      c.gapMs = static_cast<double>(gapNanos_.load()) / 1e6 / static_cast<double>(c.gaps);
-    return c;
-  }
-
-  int64_t total(VNTRStatistic statistic) const {
-    return totals_[static_cast<size_t>(statistic.rawValue())].load();
-  }
-
-  /// Watches `statistic` for `target`; call before the work that reports it.
-  void watch(VNTRStatistic statistic, int64_t target) {
-    const auto s = static_cast<size_t>(statistic.rawValue());
-    reachedAt_[s].store(0);
-    targets_[s].store(target);
-  }
-
-  /// Waits until the watched target of `statistic` is reached; when it was reached, or nothing
-  /// at the deadline.
-  std::optional<SteadyClock::time_point> wait(VNTRStatistic statistic,
-                                              SteadyClock::time_point deadline) {
-    const auto s = static_cast<size_t>(statistic.rawValue());
-    std::unique_lock lock(mutex_);
-    if (!reached_.wait_until(lock, deadline,
-                             [&] { return totals_[s].load() >= targets_[s].load(); })) {
-      return std::nullopt;
-    }
-    const auto at = reachedAt_[s].load();
-    return at == 0 ? SteadyClock::now() : SteadyClock::time_point(SteadyClock::duration(at));
-  }
-
- private:
-  static int64_t now() { return SteadyClock::now().time_since_epoch().count(); }
-  void noteSent() {
-    const int64_t at = now();
-    lastSent_.store(at);
-    if (const int64_t reply = lastReply_.load(); reply != 0) {
-      gapNanos_.fetch_add(at - reply);
-      gaps_.fetch_add(1);
-    }
-  }
-  void noteReply() {
-    const int64_t at = now();
-    if (const int64_t sent = lastSent_.load(); sent != 0) {
-      roundTripNanos_.fetch_add(at - sent);
-      roundTrips_.fetch_add(1);
-    }
-    lastReply_.store(at);
-  }
-
-  static constexpr int64_t kCount = 10;
-  std::atomic<int64_t> lastSent_{0}, lastReply_{0}, roundTripNanos_{0}, roundTrips_{0},
-      gapNanos_{0}, gaps_{0};
-  std::array<std::atomic<int64_t>, kCount> totals_{};
-  std::array<std::atomic<int64_t>, kCount> targets_{};
-  std::array<std::atomic<SteadyClock::rep>, kCount> reachedAt_{};
-  std::mutex mutex_;
-  std::condition_variable reached_;
-};
-
-int64_t peakRssKiB() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
-// The peak resident memory counts the pages of the shared libraries in use (libc, libstdc++,
-// SQLite, curl and its TLS libraries), which other processes share. To tell them from the
-// process's own memory (heap, stacks), a thread samples the anonymous and the file-backed
-// resident sizes every 10 ms and keeps the largest of each.
-class MemorySampler {
- public:
-  MemorySampler() : thread_([this] { run(); }) {}
-  ~MemorySampler() {
-    {
-      std::scoped_lock lock(mutex_);
-      stop_ = true;
-    }
-    wake_.notify_all();
-    thread_.join();
-  }
-  int64_t peakAnonKiB() {
-    sample();
-    return peakAnon_.load();
-  }
-  int64_t peakFileKiB() {
-    sample();
-    return peakFile_.load();
-  }
-
- private:
-  void sample() {
-    std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr) return;
-    char line[256];
-    while (std::fgets(line, sizeof line, status) != nullptr) {
-      long long kib = 0;
-      if (std::sscanf(line, "RssAnon: %lld", &kib) == 1) raise(peakAnon_, kib);
-      if (std::sscanf(line, "RssFile: %lld", &kib) == 1) raise(peakFile_, kib);
-    }
-    std::fclose(status);
-  }
-  static void raise(std::atomic<int64_t>& peak, int64_t value) {
-    int64_t seen = peak.load();
-    while (value > seen && !peak.compare_exchange_weak(seen, value)) {
-    }
-  }
-  void run() {
-    std::unique_lock lock(mutex_);
-    while (!stop_) {
-      lock.unlock();
-      sample();
-      lock.lock();
-      wake_.wait_for(lock, std::chrono::milliseconds(10), [this] { return stop_; });
-    }
-  }
-
-  std::atomic<int64_t> peakAnon_{0};
-  std::atomic<int64_t> peakFile_{0};
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stop_ = false;  // guarded by mutex_
-  std::thread thread_;
-};
-
-int64_t queuedRequests() {
-  auto& store = Runtime::shared().store();
-  int64_t count = 0;
-  store.performAndWait([&] { count = store.count(); });
-  return count;
-}
-
-// CPU time used so far by this process's thread named `name`, in nanoseconds; 0 before it
-// exists. The store's thread rate per CPU second does not depend on what else the machine runs.
-int64_t threadCpuNanos(const std::string& name) {
-  std::error_code error;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
-    std::ifstream comm(task.path() / "comm");
-    std::string taskName;
-    if (!std::getline(comm, taskName) || taskName != name) continue;
-    std::ifstream schedstat(task.path() / "schedstat");
-    int64_t nanos = 0;
-    schedstat >> nanos;
-    return nanos;
-  }
-  return 0;
-}
-
-long connectionsOpened() {
-  const auto* client = dynamic_cast<const HTTPClient*>(&Runtime::shared().httpClient());
-  return client ? client->connectionsOpened() : -1;
-}
-
-constexpr std::array<const char*, 4> kEventNames = {"screen_view", "tap", "add_to_cart",
-                                                    "purchase"};
-
-/// Per-call times of fireEvents on the callers' threads, in nanoseconds.
-struct Firing {
-  std::vector<int64_t> callNanos;
-  SteadyClock::time_point start, end;  // first call started, last call returned
-};
-
-// Fires sequence numbers 0 ... events-1 from `threads` threads started together, timing each
-// call on its own thread. With `pace` > 0 the callers, together, stay at most `pace` calls ahead
-// of the events reported stored (`stored()`), as a host firing at a sustainable rate would.
-Firing fire(int64_t events, int threads, int64_t pace, const std::function<int64_t()>& stored) {
-  std::vector<std::vector<int64_t>> times(static_cast<size_t>(threads));
-  std::latch ready(threads + 1);
-  std::atomic<int64_t> issued{0};
-  const int64_t storedBefore = stored();
-  const auto giveUp = SteadyClock::now() + std::chrono::seconds(60) +
-                      std::chrono::milliseconds(events);  // a stalled store ends the pacing
-  std::vector<std::thread> callers;
-  for (int t = 0; t < threads; ++t) {
-    callers.emplace_back([&, t] {
-      auto& mine = times[static_cast<size_t>(t)];
-      mine.reserve(static_cast<size_t>(events / threads + 1));
-      ready.arrive_and_wait();
-      for (int64_t seq = t; seq < events; seq += threads) {
-        while (pace > 0 && issued.load() - (stored() - storedBefore) > pace &&
-               SteadyClock::now() < giveUp) {
-          std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        const std::vector<std::string> names{kEventNames[static_cast<size_t>(seq) % 4]};
-        const json data = {{"seq", seq}, {"thread", t}, {"price", 9.99}, {"currency", "EUR"}};
-        const auto before = SteadyClock::now();
-        VNTRTagManager::fireEvents(names, "bench", data);
-        mine.push_back(nanosSince(before, SteadyClock::now()));
-        issued.fetch_add(1);
-      }
-    });
-  }
-  Firing firing;
-  firing.start = SteadyClock::now();
-  ready.arrive_and_wait();
-  for (auto& caller : callers) caller.join();
-  firing.end = SteadyClock::now();
-  for (auto& mine : times) {
-    firing.callNanos.insert(firing.callNanos.end(), mine.begin(), mine.end());
-  }
-  return firing;
-}
-
-double percentileMicros(std::vector<int64_t> nanos, double p) {
-  if (nanos.empty()) return 0;
-  const auto k = static_cast<size_t>(std::ceil(p * static_cast<double>(nanos.size()))) - 1;
-  std::nth_element(nanos.begin(), nanos.begin() + static_cast<long>(k), nanos.end());
-  return round3(static_cast<double>(nanos[k]) / 1000.0);
-}
-
-json callFigures(const Firing& firing) {
-  const auto& n = firing.callNanos;
-  const double mean = n.empty()
-                          ? 0
-                          : static_cast<double>(std::accumulate(n.begin(), n.end(), int64_t{0})) /
-                                static_cast<double>(n.size()) / 1000.0;
-  return {
-      {"fire_p50_us", percentileMicros(n, 0.50)},
-      {"fire_p99_us", percentileMicros(n, 0.99)},
-      {"fire_p999_us", percentileMicros(n, 0.999)},
-      {"fire_max_us",
-       n.empty() ? 0 : round3(static_cast<double>(*std::max_element(n.begin(), n.end())) / 1000.0)},
-      {"fire_mean_us", round3(mean)},
-      {"first_call_us", n.empty() ? 0 : round3(static_cast<double>(n.front()) / 1000.0)},
-      {"calls_returned_s", round3(secondsBetween(firing.start, firing.end))}};
-}
-
 // Points the process-wide library at `root` (site ID, data, user defaults), at host-reported
 // reachability starting from `flags`, and at the sandbox; consent is settled.
 bool configureLibrary(const std::filesystem::path& root, uint32_t flags, const std::string& url,
@@ -475,6 +176,7 @@ json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegat
     out["delivered_per_s"] = std::lround(static_cast<double>(o.events) / s);
   }
   out["still_queued"] = left;
+  out["rss_anon_end_kib"] = anonRssKiB();  // once delivered: what the library keeps
   const auto stats = server.stats();
   out.update(deliveryFigures(server, o.events, 0));
   out["batches"] = stats.batches;
@@ -536,6 +238,8 @@ json runBacklog(const Options& o, SandboxHandle& server, BenchDelegate& delegate
                            : 0.0},
               {"round_trip_ms", round3(cycles.roundTripMs)},
               {"reply_to_next_send_ms", round3(cycles.gapMs)},
+              // Beside the drain against its floor: what the library itself adds to each cycle.
+              {"library_cycle", libraryCycleFigures()},
               {"connections_opened_in_drain", connectionsOpened() - connectionsBefore},
               {"connections_total", connectionsOpened()},
               {"still_queued", left}};
@@ -567,6 +271,7 @@ json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate,
         static_cast<double>(o.events) * 1e9 / static_cast<double>(std::max<int64_t>(storeCpu, 1)));
   }
   out["queued"] = queued;
+  out["rss_anon_stored_kib"] = anonRssKiB();  // the burst stored: what is handed back
   out["peak_rss_intake_kib"] = afterIntake;
   const int64_t toSend = std::min(o.drainBatches * kEventsPerBatch, queued);
   bool sent = true;

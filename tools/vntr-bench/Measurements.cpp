@@ -1,0 +1,165 @@
+#include "Measurements.hpp"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <latch>
+#include <numeric>
+#include <vntr/VNTRTagManager.hpp>
+
+#include "Runtime.hpp"
+#include "store/EventDataManager.hpp"
+#include "transport/HTTPClient.hpp"
+#include "transport/VNTRRequester.hpp"
+
+namespace vntr::bench {
+
+int64_t nanosSince(SteadyClock::time_point start, SteadyClock::time_point end) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count();
+}
+
+double secondsBetween(SteadyClock::time_point start, SteadyClock::time_point end) {
+  return std::chrono::duration<double>(end - start).count();
+}
+
+double round3(double value) { return std::round(value * 1000.0) / 1000.0; }
+
+int64_t peakRssKiB() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+int64_t queuedRequests() {
+  auto& store = Runtime::shared().store();
+  int64_t count = 0;
+  store.performAndWait([&] { count = store.count(); });
+  return count;
+}
+
+int64_t anonRssKiB() {
+  std::FILE* status = std::fopen("/proc/self/status", "r");
+  if (status == nullptr) return -1;
+  char line[256];
+  long long kib = -1;
+  while (std::fgets(line, sizeof line, status) != nullptr &&
+         std::sscanf(line, "RssAnon: %lld", &kib) != 1) {
+  }
+  std::fclose(status);
+  return kib;
+}
+
+int64_t threadCpuNanos(const std::string& name) {
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    std::ifstream comm(task.path() / "comm");
+    std::string taskName;
+    if (!std::getline(comm, taskName) || taskName != name) continue;
+    std::ifstream schedstat(task.path() / "schedstat");
+    int64_t nanos = 0;
+    schedstat >> nanos;
+    return nanos;
+  }
+  return 0;
+}
+
+long connectionsOpened() {
+  const auto* client = dynamic_cast<const HTTPClient*>(&Runtime::shared().httpClient());
+  return client ? client->connectionsOpened() : -1;
+}
+
+namespace {
+
+constexpr std::array<const char*, 4> kEventNames = {"screen_view", "tap", "add_to_cart",
+                                                    "purchase"};
+
+double percentileMicros(std::vector<int64_t> nanos, double p) {
+  if (nanos.empty()) return 0;
+  const auto k = static_cast<size_t>(std::ceil(p * static_cast<double>(nanos.size()))) - 1;
+  std::nth_element(nanos.begin(), nanos.begin() + static_cast<long>(k), nanos.end());
+  return round3(static_cast<double>(nanos[k]) / 1000.0);
+}
+
+double meanMillis(int64_t nanos, int64_t count) {
+  return count > 0 ? round3(static_cast<double>(nanos) / 1e6 / static_cast<double>(count)) : 0.0;
+}
+
+}  // namespace
+
+Firing fire(int64_t events, int threads, int64_t pace, const std::function<int64_t()>& stored) {
+  std::vector<std::vector<int64_t>> times(static_cast<size_t>(threads));
+  std::latch ready(threads + 1);
+  std::atomic<int64_t> issued{0};
+  const int64_t storedBefore = stored();
+  const auto giveUp = SteadyClock::now() + std::chrono::seconds(60) +
+                      std::chrono::milliseconds(events);  // a stalled store ends the pacing
+  std::vector<std::thread> callers;
+  for (int t = 0; t < threads; ++t) {
+    callers.emplace_back([&, t] {
+      auto& mine = times[static_cast<size_t>(t)];
+      mine.reserve(static_cast<size_t>(events / threads + 1));
+      // The arguments are made once and only the sequence number changes, so the instruction
+      // counts of a run are the library's and not the making of a fresh JSON tree per call.
+      std::array<std::vector<std::string>, kEventNames.size()> names;
+      for (size_t i = 0; i < names.size(); ++i) names[i] = {kEventNames[i]};
+      const std::string group = "bench";
+      json data = {{"seq", 0}, {"thread", t}, {"price", 9.99}, {"currency", "EUR"}};
+      json& sequence = data["seq"];
+      ready.arrive_and_wait();
+      for (int64_t seq = t; seq < events; seq += threads) {
+        while (pace > 0 && issued.load() - (stored() - storedBefore) > pace &&
+               SteadyClock::now() < giveUp) {
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        sequence = seq;
+        const auto before = SteadyClock::now();
+        VNTRTagManager::fireEvents(names[static_cast<size_t>(seq) % names.size()], group, data);
+        mine.push_back(nanosSince(before, SteadyClock::now()));
+        issued.fetch_add(1);
+      }
+    });
+  }
+  Firing firing;
+  firing.start = SteadyClock::now();
+  ready.arrive_and_wait();
+  for (auto& caller : callers) caller.join();
+  firing.end = SteadyClock::now();
+  for (auto& mine : times) {
+    firing.callNanos.insert(firing.callNanos.end(), mine.begin(), mine.end());
+  }
+  return firing;
+}
+
+json callFigures(const Firing& firing) {
+  const auto& n = firing.callNanos;
+  const double mean = n.empty()
+                          ? 0
+                          : static_cast<double>(std::accumulate(n.begin(), n.end(), int64_t{0})) /
+                                static_cast<double>(n.size()) / 1000.0;
+  return {
+      {"fire_p50_us", percentileMicros(n, 0.50)},
+      {"fire_p99_us", percentileMicros(n, 0.99)},
+      {"fire_p999_us", percentileMicros(n, 0.999)},
+      {"fire_max_us",
+       n.empty() ? 0 : round3(static_cast<double>(*std::max_element(n.begin(), n.end())) / 1000.0)},
+      {"fire_mean_us", round3(mean)},
+      {"first_call_us", n.empty() ? 0 : round3(static_cast<double>(n.front()) / 1000.0)},
+      {"calls_returned_s", round3(secondsBetween(firing.start, firing.end))}};
+}
+
+json libraryCycleFigures() {
+  const auto t = Runtime::shared().requester().cycleTotals();
+  const int64_t cycles = std::min(t.replies, t.sends);
+  return {{"library_cycle_ms",
+           round3(meanMillis(t.replyNanos, t.replies) + meanMillis(t.sendNanos, t.sends))},
+          {"library_reply_to_timer_ms", meanMillis(t.replyNanos, t.replies)},
+          {"library_reply_to_timer_max_ms", meanMillis(t.replyMaxNanos, 1)},
+          {"library_timer_to_send_ms", meanMillis(t.sendNanos, t.sends)},
+          {"library_timer_to_send_max_ms", meanMillis(t.sendMaxNanos, 1)},
+          {"library_cycles", cycles}};
+}
+
+}  // namespace vntr::bench
