@@ -23,6 +23,10 @@ int main(int argc, char** argv) {
   vntr_user_defaults_set_string("IABConsent_SubjectToGDPR", "0");
 
   if (vntr_fire_events(events, 1, "purchase", "{\"price\": 9.99}") != VNTR_OK) return 1;
-  printf("VNTRTagManager %s: event stored for %s\n", vntr_version(), server);
+  /* Before exiting, give the event up to 2 s to reach the server; otherwise it stays stored and
+   * goes out with the next run. */
+  const int delivered = vntr_flush(2000) == VNTR_OK;
+  printf("VNTRTagManager %s: event stored for %s, %s\n", vntr_version(), server,
+         delivered ? "delivered" : "still queued");
   return 0;
 }

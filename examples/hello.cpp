@@ -21,6 +21,10 @@ int main(int argc, char** argv) {
   vntr::UserDefaults::standardUserDefaults().setString("IABConsent_SubjectToGDPR", "0");
 
   vntr::VNTRTagManager::fireEvents({"checkout"}, "purchase", {{"price", 9.99}});
-  std::printf("VNTRTagManager %s: event stored for %s\n", vntr_version(), server);
+  // Before exiting, give the event up to 2 s to reach the server; otherwise it stays stored and
+  // goes out with the next run.
+  const bool delivered = vntr::VNTRTagManager::flush(std::chrono::seconds(2));
+  std::printf("VNTRTagManager %s: event stored for %s, %s\n", vntr_version(), server,
+              delivered ? "delivered" : "still queued");
   return 0;
 }

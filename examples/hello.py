@@ -10,4 +10,7 @@ vntr.set_retry_backoff(True)
 vntr.set_logging_callback(lambda level, strings: print("log:", ",".join(strings)))
 vntr.user_defaults_set_string("IABConsent_SubjectToGDPR", "0")
 vntr.fire_events(["checkout"], "purchase", {"price": 9.99})
-print(f"VNTRTagManager {vntr.version()}: event stored for {server}")
+# Before exiting, give the event up to 2 s to reach the server; otherwise it stays stored.
+delivered = vntr.flush(timeout=2)
+print(f"VNTRTagManager {vntr.version()}: event stored for {server}, "
+      f"{'delivered' if delivered else 'still queued'}")

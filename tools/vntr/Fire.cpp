@@ -153,8 +153,10 @@ int runFlush(const FlushOptions& options) {
               queued == 1 ? "" : "s", file.c_str(),
               VNTRPreferences::sharedPreferences().serverURL().c_str());
   std::fflush(stdout);
-  // A batch at once, then the server's pace; held back while the network is unreachable.
-  Runtime::shared().requester().fireNow();
+  // A batch at once, then the server's pace, held back while the network is unreachable: what
+  // any host's flush does.
+  VNTRTagManager::flush(std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::duration<double>(options.waitSeconds)));
   return reportDelivery(start, options.waitSeconds, queued, *delegate);
 }
 
