@@ -133,7 +133,16 @@ bool runsUnprivileged() {
   const std::string filter =
       std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
   TempDir output;
-  auto options = command({fs::read_symlink("/proc/self/exe").string(), filter}, output / "stderr");
+  // The clone may live where "nobody" cannot enter (a 0700 home directory): the run uses a copy
+  // of this program in a directory that everyone may enter.
+  const auto readable = fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                        fs::perms::others_read | fs::perms::others_exec;
+  TempDir runnable;
+  fs::permissions(runnable.path(), readable);
+  const auto program = runnable / "storage-fault-test";
+  fs::copy_file(fs::read_symlink("/proc/self/exe"), program);
+  fs::permissions(program, readable);
+  auto options = command({program.string(), filter}, output / "stderr");
   options.stdoutFile = output / "stdout";
   options.runAs = 65534;
   ChildProcess child(options);
