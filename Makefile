@@ -2,6 +2,8 @@
 PRESET ?= debug
 BUILD_DIR = build/$(PRESET)
 JOBS ?= $(shell nproc)
+# Many tests spend their time waiting on child processes, servers and timeouts, not on the CPU.
+TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 
 .PHONY: all deps configure build test demo package bench fuzz asan tsan coverage clean
 
@@ -17,7 +19,7 @@ build: configure
 	@cmake --build --preset $(PRESET) -j $(JOBS)
 
 test: build
-	ctest --preset $(PRESET) -j $(JOBS)
+	ctest --preset $(PRESET) -j $(TEST_JOBS)
 
 # The demo needs only the vntr program; `make test` builds the rest.
 demo: configure
