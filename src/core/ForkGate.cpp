@@ -41,6 +41,11 @@ Gate& gate() {
   return *current.load(std::memory_order_acquire);
 }
 
+// Made while the library loads, before any thread of ours exists: a fork that came while a
+// library thread was still making the gate would leave the child a half-made one (its guard
+// "in progress" for ever, so every task of the child's new threads would wait on it).
+[[maybe_unused]] const bool madeAtLoad = (gate(), true);
+
 void prepare() {
   auto& g = gate();
   std::unique_lock lock(g.mutex);
