@@ -88,6 +88,12 @@ SerialExecutor::~SerialExecutor() {
 void SerialExecutor::stop() {
   state_->guard.reset();
   state_->context.stop();
+  if (isCurrent()) return;  // stopped from its own task: the thread ends once that task returns
+  // Reaped once it has ended, so a stopped thread is not left unjoined for the rest of the
+  // process; one blocked in a host callback for longer is left to end by itself.
+  std::unique_lock lock(state_->mutex);
+  state_->changed.wait_for(lock, kStopJoinWait, [&] { return state_->threadEnded; });
+  if (state_->threadEnded && thread_.joinable()) thread_.join();
 }
 
 void SerialExecutor::post(Task task) {

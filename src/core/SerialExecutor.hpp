@@ -33,9 +33,11 @@ class SerialExecutor final : public Executor {
   /// Runs `task` on the queue and waits for it until `deadline`; true when it ran. What it
   /// throws is caught and logged. Any thread; inline when already on the queue.
   bool performAndWaitUntil(std::chrono::steady_clock::time_point deadline, Task task);
-  /// Lets the thread end after the task in progress, without waiting for it. Tasks queued from
-  /// then on run only when someone waits on the queue.
+  /// Lets the thread end after the task in progress and reaps it, waiting up to kStopJoinWait
+  /// (not at all from the queue's own thread). Tasks queued from then on run only when someone
+  /// waits on the queue.
   void stop();
+  static constexpr std::chrono::milliseconds kStopJoinWait{1000};
 
  private:
   struct State;
