@@ -33,24 +33,26 @@ VNTRTagManager& VNTRTagManager::sharedInstance() {
   return instance;
 }
 
-bool VNTRTagManager::flush(std::chrono::milliseconds timeout) {
+namespace {
+// Runs one of the runtime's flushes; nothing but a forced unwind may reach the host.
+template <typename Flush>
+bool emptied(Flush flush) {
   try {
-    return Runtime::shared().flush(timeout) == Runtime::FlushResult::empty;
+    return flush() == Runtime::FlushResult::empty;
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {
     return false;
   }
 }
+}  // namespace
+
+bool VNTRTagManager::flush(std::chrono::milliseconds timeout) {
+  return emptied([timeout] { return Runtime::shared().flush(timeout); });
+}
 
 bool VNTRTagManager::shutdown(std::chrono::milliseconds timeout) {
-  try {
-    return Runtime::shared().shutdown(timeout) == Runtime::FlushResult::empty;
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    return false;
-  }
+  return emptied([timeout] { return Runtime::shared().shutdown(timeout); });
 }
 
 bool VNTRTagManager::subjectToGdprConsent() const {
