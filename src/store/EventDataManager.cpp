@@ -135,14 +135,15 @@ void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   if (inBurst_ && db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
 }
 
-int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {
+int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp,
+                                       std::shared_ptr<const store::RequestWriter> writer) {
   assertOnQueue();
   if (!db_) {
     changes_.noteDropped();
     return -1;
   }
   const int64_t pk = nextProvisionalKey_++;
-  changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp});
+  changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp, std::move(writer)});
   return pk;
 }
 
@@ -168,13 +169,16 @@ void EventDataManager::Impl::remove(int64_t pk, const std::string& id) {
     select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
     while (select.step() == sqlite::Statement::Step::row) {
       if (!changes_.isDeleted(select.columnInt64(0))) {
-        changes_.markDeleted(select.columnInt64(0));
-        return;
+        pk = select.columnInt64(0);
+        break;
       }
     }
-    return;
+    if (store::isProvisional(pk)) return;
   }
   if (changes_.isDeleted(pk)) return;
+  // Inside a transaction (a batch's answers, a burst) the row goes at once, and its commit
+  // comes with the others.
+  if (db_->inTransaction() && changes_.deleteNow(*db_, pk)) return;
   auto exists = db_->statement(store::kExists);
   exists.bind(1, pk);
   if (exists.step() == sqlite::Statement::Step::row) changes_.markDeleted(pk);
@@ -262,8 +266,9 @@ void EventDataManager::saveContextThen(Executor::Task afterSave) {
   impl_->saveContextThen(std::move(afterSave));
 }
 bool EventDataManager::hasChanges() const { return impl_->hasChanges(); }
-int64_t EventDataManager::insert(std::string id, std::string jsonData, double timeStamp) {
-  return impl_->insert(std::move(id), std::move(jsonData), timeStamp);
+int64_t EventDataManager::insert(std::string id, std::string jsonData, double timeStamp,
+                                 std::shared_ptr<const store::RequestWriter> writer) {
+  return impl_->insert(std::move(id), std::move(jsonData), timeStamp, std::move(writer));
 }
 void EventDataManager::remove(int64_t rowId, const std::string& id) { impl_->remove(rowId, id); }
 void EventDataManager::abandonAfterFork() { impl_->abandonAfterFork(); }

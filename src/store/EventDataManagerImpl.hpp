@@ -36,7 +36,8 @@ class EventDataManager::Impl {
   void saveContext();
   void saveContextThen(Executor::Task afterSave);
   bool hasChanges() const { return changes_.hasChanges(); }
-  int64_t insert(std::string id, std::string jsonData, double timeStamp);
+  int64_t insert(std::string id, std::string jsonData, double timeStamp,
+                 std::shared_ptr<const store::RequestWriter> writer);
   void remove(int64_t pk, const std::string& id);
   void abandonAfterFork();
 
@@ -49,7 +50,10 @@ class EventDataManager::Impl {
   void reportOverflow();
   // Ends a transaction left open with nothing to save (a failed commit rolls back).
   void endTransaction() {
-    if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
+    if (!db_ || !db_->inTransaction()) return;
+    const bool committed = db_->exec("COMMIT");
+    if (!committed) db_->exec("ROLLBACK");
+    changes_.transactionEnded(committed);
   }
   // A large burst leaves its intake buffers, built requests and SQLite's cache pages freed but
   // kept by the allocator (in the arenas of the threads that made them), and a host mostly

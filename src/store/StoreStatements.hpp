@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace vntr::store {
 
@@ -40,12 +42,38 @@ inline constexpr const char* kRowStatements[] = {
 inline constexpr int64_t kFirstProvisionalKey = INT64_MIN / 2;
 inline bool isProvisional(int64_t pk) { return pk < 0; }
 
+/// Writes a request's JSON text from the parts that differ from one request to the next; one
+/// is shared by every request built from the same device facts. A request waiting for its save
+/// keeps only its parts, about a fifth of its text, and is written out when the save (or a
+/// batch) needs it.
+class RequestWriter {
+ public:
+  virtual ~RequestWriter() = default;
+  /// Appends the text made from `parts` to `out`.
+  virtual void write(std::string_view parts, std::string& out) const = 0;
+};
+
 /// One stored request as the table holds it (`pk` provisional while unsaved).
 struct Row {
   int64_t pk = 0;
   std::string id;
-  std::string jsonData;
+  std::string jsonData;  // the request's text, or its parts while `writer` is set
   double timeStamp = 0;
+  std::shared_ptr<const RequestWriter> writer;
+
+  /// The request's text; `buffer` holds it when it is written out from parts.
+  std::string_view text(std::string& buffer) const {
+    if (!writer) return jsonData;
+    buffer.clear();
+    writer->write(jsonData, buffer);
+    return buffer;
+  }
+  /// The row with its text written out.
+  Row written() const {
+    std::string buffer;
+    const auto full = text(buffer);
+    return Row{pk, id, writer ? std::move(buffer) : std::string(full), timeStamp, nullptr};
+  }
 };
 
 /// Queue order: by creation time, then by insertion (an unsaved insert came after every saved

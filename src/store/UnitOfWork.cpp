@@ -1,5 +1,7 @@
 #include "store/UnitOfWork.hpp"
 
+#include <sqlite3.h>
+
 #include <algorithm>
 
 namespace vntr::store {
@@ -37,10 +39,23 @@ void UnitOfWork::dropInsertsOlderThan(double cutoff) {
   }
 }
 
+bool UnitOfWork::deleteNow(sqlite::Database& db, int64_t pk) {
+  auto del = db.statement(kDelete);
+  if (!del.bind(1, pk) || del.step() != sqlite::Statement::Step::done) return false;
+  if (sqlite3_changes(db.handle()) > 0) deletedNow_.push_back(pk);
+  return true;
+}
+
+void UnitOfWork::transactionEnded(bool committed) {
+  if (!committed) deleted_.insert(deletedNow_.begin(), deletedNow_.end());
+  deletedNow_.clear();
+}
+
 bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
   const auto fail = [&] {
     error = db.lastError();
     if (db.inTransaction()) db.exec("ROLLBACK");
+    transactionEnded(false);
     return false;
   };
   // A burst may already have begun the transaction. A commit that only deletes answered
@@ -52,10 +67,11 @@ bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
     del.bind(1, pk);
     if (del.step() != sqlite::Statement::Step::done) return fail();
   }
+  std::string text;  // a request kept as parts is written out here, one at a time
   for (const auto& row : inserted_) {
     auto ins = db.statement(kInsert);
     const bool bound =
-        ins.bindText(1, row.id) && ins.bindBlob(2, row.jsonData) && ins.bind(3, row.timeStamp);
+        ins.bindText(1, row.id) && ins.bindBlob(2, row.text(text)) && ins.bind(3, row.timeStamp);
     if (!bound || ins.step() != sqlite::Statement::Step::done) return fail();
   }
   if (!db.exec("COMMIT")) return fail();
@@ -65,6 +81,7 @@ bool UnitOfWork::commit(sqlite::Database& db, sqlite::Error& error) {
   inserted_.clear();
   insertedIds_.clear();
   deleted_.clear();
+  transactionEnded(true);
   return true;
 }
 
