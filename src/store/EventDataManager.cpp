@@ -176,9 +176,13 @@ void EventDataManager::Impl::remove(int64_t pk, const std::string& id) {
     if (store::isProvisional(pk)) return;
   }
   if (changes_.isDeleted(pk)) return;
-  // Inside a transaction (a batch's answers, a burst) the row goes at once, and its commit
-  // comes with the others.
-  if (db_->inTransaction() && changes_.deleteNow(*db_, pk)) return;
+  // Inside a transaction (a batch's answers, a burst) the commit follows within the same task,
+  // with nothing counting the queue in between: the delete is only noted, and the commit
+  // deletes them all in a few statements.
+  if (db_->inTransaction()) {
+    changes_.markDeleted(pk);
+    return;
+  }
   auto exists = db_->statement(store::kExists);
   exists.bind(1, pk);
   if (exists.step() == sqlite::Statement::Step::row) changes_.markDeleted(pk);
@@ -197,6 +201,7 @@ void EventDataManager::Impl::abandonAfterFork() {
   // Unsaved builds belong to the parent, which stores them.
   changes_ = store::UnitOfWork{};
   afterSave_.clear();
+  freshIds_.clear();
 }
 
 // --- EventDataManager ---
@@ -261,6 +266,7 @@ void EventDataManager::removeOldest(int64_t count) { impl_->removeOldest(count);
 void EventDataManager::removeOlderThan(double seconds) { impl_->removeOlderThan(seconds); }
 int64_t EventDataManager::count() { return impl_->count(); }
 bool EventDataManager::checkID(const std::string& id) { return impl_->checkID(id); }
+std::string EventDataManager::freshID() { return impl_->freshID(); }
 void EventDataManager::saveContext() { impl_->saveContext(); }
 void EventDataManager::saveContextThen(Executor::Task afterSave) {
   impl_->saveContextThen(std::move(afterSave));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -25,17 +26,47 @@ inline constexpr const char* kSelectOldest =
 inline constexpr const char* kSelectOlderThan = "SELECT pk FROM SyncEvent WHERE timeStamp < ?1";
 inline constexpr const char* kCount = "SELECT COUNT(*) FROM SyncEvent";
 inline constexpr const char* kSelectById = "SELECT pk FROM SyncEvent WHERE id = ?1 LIMIT ?2";
+/// New ids are checked this many at a time (see EventDataManager::freshID).
+inline constexpr size_t kIdsPerCheck = 16;
+inline constexpr const char* kSelectIds =
+    "SELECT pk, id FROM SyncEvent WHERE id IN (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, "
+    "?13, ?14, ?15, ?16)";
 inline constexpr const char* kExists = "SELECT 1 FROM SyncEvent WHERE pk = ?1";
 // SQLite picks the row id at the insert, under the write lock: processes sharing the file never
 // pick the same one.
 inline constexpr const char* kInsert =
     "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES (?1, ?2, ?3)";
-inline constexpr const char* kDelete = "DELETE FROM SyncEvent WHERE pk = ?1";
+// A commit writes many rows per statement: each statement run opens and frees its cursors (this
+// SQLite has no lookaside memory), which cost about as much as a row.
+inline constexpr size_t kRowsPerInsert = 16;
+inline constexpr size_t kRowsPerDelete = 64;
+namespace detail {
+inline std::string repeated(std::string_view head, std::string_view item, std::string_view tail,
+                            size_t count) {
+  std::string text(head);
+  for (size_t i = 0; i < count; ++i) (text += i > 0 ? "," : "") += item;
+  return text += tail;
+}
+// Built once and never freed: statements are cached by the address of their text.
+inline const std::string& insertManyText() {
+  static const auto* const text = new std::string(repeated(
+      "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES ", "(?,?,?)", "", kRowsPerInsert));
+  return *text;
+}
+inline const std::string& deleteManyText() {
+  static const auto* const text =
+      new std::string(repeated("DELETE FROM SyncEvent WHERE pk IN (", "?", ")", kRowsPerDelete));
+  return *text;
+}
+}  // namespace detail
+inline const char* const kInsertMany = detail::insertManyText().c_str();
+inline const char* const kDeleteMany = detail::deleteManyText().c_str();
 
 /// Every statement above that reads or writes rows; a database where one of them does not
 /// prepare is not ours.
-inline constexpr const char* kRowStatements[] = {
-    kSelectNewest, kSelectOldest, kSelectOlderThan, kCount, kSelectById, kExists, kInsert, kDelete};
+inline const char* const kRowStatements[] = {kSelectNewest, kSelectOldest, kSelectOlderThan,
+                                             kCount,        kSelectById,   kExists,
+                                             kInsert,       kInsertMany,   kDeleteMany};
 
 /// Unsaved inserts get keys from here upwards until their save gives them a row id; being
 /// negative they never meet one.

@@ -23,9 +23,7 @@ class UnitOfWork {
   /// are counted, and the store logs the count.
   static constexpr size_t kMaxPendingInserts = 10000;
 
-  bool hasChanges() const {
-    return !inserted_.empty() || !deleted_.empty() || !deletedNow_.empty() || dropped_;
-  }
+  bool hasChanges() const { return !inserted_.empty() || !deleted_.empty() || dropped_; }
   /// Unsaved inserts, ascending pk.
   const std::deque<Row>& inserted() const { return inserted_; }
   size_t deletedCount() const { return deleted_.size(); }
@@ -39,13 +37,6 @@ class UnitOfWork {
   /// Forgets every pending insert created strictly before `cutoff`.
   void dropInsertsOlderThan(double cutoff);
   void markDeleted(int64_t pk) { deleted_.insert(pk); }
-  /// Inside an open transaction: deletes the saved row `pk` at once, which costs one statement
-  /// instead of a lookup now and a delete at the commit. Should the transaction roll back, the
-  /// delete is kept pending like those of markDeleted. False when the statement failed.
-  bool deleteNow(sqlite::Database& db, int64_t pk);
-  /// The open transaction ended: committed (its deletes are done) or rolled back (they are
-  /// pending again).
-  void transactionEnded(bool committed);
   void markDeleted(const std::vector<int64_t>& pks) { deleted_.insert(pks.begin(), pks.end()); }
   /// Records that a change was lost because there is no database, so the next save reports it.
   void noteDropped() { dropped_ = true; }
@@ -54,17 +45,19 @@ class UnitOfWork {
   /// How many unsaved inserts went over kMaxPendingInserts since the last call; resets it.
   size_t takeOverflowed() { return std::exchange(overflowed_, 0); }
 
-  /// Writes the changes in one transaction (joining one a burst has begun). On failure fills
-  /// `error`, rolls back and keeps the changes; on success forgets them.
+  /// Writes the changes in one transaction (joining one a burst has begun), many rows per
+  /// statement. On failure fills `error`, rolls back and keeps the changes (deletes of rows that
+  /// are gone meanwhile excepted); on success forgets them.
   bool commit(sqlite::Database& db, sqlite::Error& error);
 
  private:
   void dropInsert(std::deque<Row>::iterator row);
+  // After a failed commit: drops pending deletes of rows that are not there.
+  void forgetVanishedDeletes(sqlite::Database& db);
 
   std::deque<Row> inserted_;
   std::unordered_multiset<std::string> insertedIds_;
   std::unordered_set<int64_t> deleted_;
-  std::vector<int64_t> deletedNow_;  // deleted inside the open transaction
   bool dropped_ = false;
   size_t overflowed_ = 0;
 };
