@@ -13,6 +13,7 @@
 #include "core/VNTRStatistic.hpp"
 #include "model/RequestSizeLimit.hpp"
 #include "model/SyncEventRequest.hpp"
+#include "model/Uuid.hpp"
 #include "store/EventDataManager.hpp"
 
 namespace vntr {
@@ -25,6 +26,8 @@ constexpr const char* kInvalidEventData =
     "\"isValidJSONObject\".";
 constexpr const char* kEventDataSerializationFailed =
     "Sync Event Init : EventData serialization failed.";
+// A UUID clash is all but impossible; the bound only keeps a broken store from looping forever.
+constexpr int kMaxIdAttempts = 64;
 
 enum class DataCheck { valid, invalid, unserializable };
 
@@ -65,7 +68,11 @@ DataCheck checkEventData(const json& data) {
 
 std::string chooseId(EventDataManager& store, VNTREventPriority priority) {
   if (priority != VNTREventPriority::high) return EventDataManager::nilID;
-  return store.freshID();
+  std::string id = makeUuidString();
+  for (int attempt = 1; attempt < kMaxIdAttempts && store.checkID(id); ++attempt) {
+    id = makeUuidString();
+  }
+  return id;
 }
 
 // The event data as the request will carry it, or nothing after the failure line.

@@ -201,7 +201,6 @@ void EventDataManager::Impl::abandonAfterFork() {
   // Unsaved builds belong to the parent, which stores them.
   changes_ = store::UnitOfWork{};
   afterSave_.clear();
-  freshIds_.clear();
 }
 
 // --- EventDataManager ---
@@ -266,7 +265,6 @@ void EventDataManager::removeOldest(int64_t count) { impl_->removeOldest(count);
 void EventDataManager::removeOlderThan(double seconds) { impl_->removeOlderThan(seconds); }
 int64_t EventDataManager::count() { return impl_->count(); }
 bool EventDataManager::checkID(const std::string& id) { return impl_->checkID(id); }
-std::string EventDataManager::freshID() { return impl_->freshID(); }
 void EventDataManager::saveContext() { impl_->saveContext(); }
 void EventDataManager::saveContextThen(Executor::Task afterSave) {
   impl_->saveContextThen(std::move(afterSave));

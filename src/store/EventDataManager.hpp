@@ -92,10 +92,6 @@ class EventDataManager {
   int64_t count();
   /// True when at least one stored request has this id.
   bool checkID(const std::string& id);
-  /// A new random UUID string that no stored request has as its id: what taking random UUIDs
-  /// until `checkID` is false gives, with the ids checked kIdsPerCheck at a time in one query
-  /// rather than one query each.
-  std::string freshID();
   /// Commits the pending changes (a failure is logged; they stay pending), then runs the
   /// callbacks registered with `saveContextThen`.
   void saveContext();

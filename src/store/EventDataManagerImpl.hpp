@@ -33,7 +33,6 @@ class EventDataManager::Impl {
   void removeOlderThan(double seconds);
   int64_t count();
   bool checkID(const std::string& id);
-  std::string freshID();
   void saveContext();
   void saveContextThen(Executor::Task afterSave);
   bool hasChanges() const { return changes_.hasChanges(); }
@@ -49,9 +48,6 @@ class EventDataManager::Impl {
  private:
   void assertOnQueue() const { assert(queue_->isCurrent()); }
   void reportOverflow();
-  // Checks kIdsPerCheck new ids in one query and keeps those no stored request has; false when
-  // there is no store or the query fails.
-  bool refillFreshIds();
   // Ends a transaction left open with nothing to save (a failed commit rolls back).
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
@@ -74,7 +70,6 @@ class EventDataManager::Impl {
   int64_t nextProvisionalKey_ = store::kFirstProvisionalKey;
   store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
-  std::vector<std::string> freshIds_;  // checked, not handed out yet
   bool batching_ = false;
   bool inBurst_ = false;   // runBatched: the burst's transaction outlives the saves inside it
   size_t burstSaves_ = 0;  // saves asked for since the burst began

@@ -1,21 +1,14 @@
 // The store's reads and trims: the newest requests for a batch, the start-up trims, the count
 // and the id lookup. All run on the store queue.
 #include <algorithm>
-#include <array>
 
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
-#include "model/Uuid.hpp"
 #include "store/EventDataManagerImpl.hpp"
 
 namespace vntr {
 
 using store::Row;
-
-namespace {
-// A UUID clash is all but impossible; the bound only keeps a broken store from looping forever.
-constexpr int kMaxIdAttempts = 64;
-}  // namespace
 
 std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
   assertOnQueue();
@@ -171,44 +164,6 @@ bool EventDataManager::Impl::checkID(const std::string& id) {
         return false;
     }
   }
-}
-
-std::string EventDataManager::Impl::freshID() {
-  assertOnQueue();
-  for (int attempt = 0; attempt < kMaxIdAttempts; ++attempt) {
-    if (freshIds_.empty() && !refillFreshIds()) break;
-    std::string id = std::move(freshIds_.back());
-    freshIds_.pop_back();
-    if (!changes_.hasInsertedId(id)) return id;
-  }
-  // No store to ask, or a query that fails: one id at a time, logged as checkID logs.
-  std::string id = makeUuidString();
-  for (int attempt = 1; attempt < kMaxIdAttempts && checkID(id); ++attempt) id = makeUuidString();
-  return id;
-}
-
-bool EventDataManager::Impl::refillFreshIds() {
-  if (!db_) return false;
-  std::array<std::string, store::kIdsPerCheck> ids;
-  std::vector<std::string> taken;
-  {
-    auto select = db_->statement(store::kSelectIds);
-    for (size_t i = 0; i < ids.size(); ++i) {
-      ids[i] = makeUuidString();
-      select.bindText(static_cast<int>(i) + 1, ids[i]);
-    }
-    for (;;) {
-      const auto step = select.step();
-      if (step == sqlite::Statement::Step::done) break;
-      if (step == sqlite::Statement::Step::error) return false;
-      if (!changes_.isDeleted(select.columnInt64(0))) taken.push_back(select.columnText(1));
-    }
-  }
-  for (auto& id : ids) {
-    if (std::find(taken.begin(), taken.end(), id) == taken.end())
-      freshIds_.push_back(std::move(id));
-  }
-  return true;
 }
 
 }  // namespace vntr

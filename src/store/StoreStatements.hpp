@@ -26,11 +26,6 @@ inline constexpr const char* kSelectOldest =
 inline constexpr const char* kSelectOlderThan = "SELECT pk FROM SyncEvent WHERE timeStamp < ?1";
 inline constexpr const char* kCount = "SELECT COUNT(*) FROM SyncEvent";
 inline constexpr const char* kSelectById = "SELECT pk FROM SyncEvent WHERE id = ?1 LIMIT ?2";
-/// New ids are checked this many at a time (see EventDataManager::freshID).
-inline constexpr size_t kIdsPerCheck = 16;
-inline constexpr const char* kSelectIds =
-    "SELECT pk, id FROM SyncEvent WHERE id IN (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, "
-    "?13, ?14, ?15, ?16)";
 inline constexpr const char* kExists = "SELECT 1 FROM SyncEvent WHERE pk = ?1";
 // SQLite picks the row id at the insert, under the write lock: processes sharing the file never
 // pick the same one.
