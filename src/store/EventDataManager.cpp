@@ -21,6 +21,9 @@ constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
 // After a burst of at least this many saves the memory it used is handed back.
 constexpr size_t kLargeBurst = 1024;
 
+// SQLite's default point for a checkpoint.
+constexpr int kCheckpointPages = 1000;
+
 constexpr const char* kNoStoreDescription = "The event store could not be opened";
 
 std::string describe(const sqlite::Error& error) {
@@ -35,6 +38,29 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
   kind_.store(opened.kind);
+  // Replaces SQLite's automatic checkpoint, which runs inside the commit that fills the log.
+  if (db_ && opened.kind != StoreKind::memory) {
+    sqlite3_wal_hook(db_->handle(), &Impl::walCommitted, this);
+  }
+}
+
+int EventDataManager::Impl::walCommitted(void* impl, sqlite3* /*db*/, const char* /*name*/,
+                                         int pages) {
+  auto* self = static_cast<Impl*>(impl);
+  if (pages < kCheckpointPages || self->checkpointQueued_) return SQLITE_OK;
+  self->checkpointQueued_ = true;
+  self->queue_->post([weak = self->weak_from_this()] {
+    if (const auto strong = weak.lock()) strong->checkpoint();
+  });
+  return SQLITE_OK;
+}
+
+void EventDataManager::Impl::checkpoint() {
+  checkpointQueued_ = false;
+  // Passive: never waits for another connection; what it cannot copy now waits for the next.
+  if (db_) {
+    sqlite3_wal_checkpoint_v2(db_->handle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
 }
 
 void EventDataManager::Impl::close() {
