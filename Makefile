@@ -3,7 +3,7 @@ PRESET ?= debug
 BUILD_DIR = build/$(PRESET)
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench fuzz asan tsan clean
+.PHONY: all deps configure build test demo bench fuzz asan tsan coverage clean
 
 all: build
 
@@ -27,6 +27,17 @@ asan:
 
 tsan:
 	$(MAKE) test PRESET=tsan
+
+# Line, function and branch coverage of src/ from the whole suite (a --coverage -O0 build);
+# prints the summary and writes build/coverage/report/index.html.
+coverage: deps
+	@cmake --preset coverage >/dev/null
+	@cmake --build --preset coverage -j $(JOBS)
+	@find build/coverage -name '*.gcda' -delete
+	ctest --preset coverage -j $(JOBS)
+	@mkdir -p build/coverage/report
+	gcovr -r . --gcov-ignore-parse-errors --filter 'src/' -j $(JOBS) --print-summary \
+	  --html-details build/coverage/report/index.html build/coverage
 
 # Benchmarks: the release preset (which builds them), then every benchmark program; the figures
 # go to bench/results/latest.txt and latest.json. A few minutes; never part of `make test`.
