@@ -2,6 +2,8 @@
 PRESET ?= debug
 BUILD_DIR = build/$(PRESET)
 JOBS ?= $(shell nproc)
+# Many tests spend their time waiting on child processes, servers and timeouts, not on the CPU.
+TEST_JOBS ?= $(shell echo $$(( $$(nproc) * 2 )))
 
 .PHONY: all deps configure build test demo bench fuzz asan tsan coverage clean
 
@@ -17,7 +19,7 @@ build: configure
 	@cmake --build --preset $(PRESET) -j $(JOBS)
 
 test: build
-	ctest --preset $(PRESET) -j $(JOBS)
+	ctest --preset $(PRESET) -j $(TEST_JOBS)
 
 demo: build
 	$(BUILD_DIR)/tools/vntr/vntr demo
@@ -34,7 +36,7 @@ coverage: deps
 	@cmake --preset coverage >/dev/null
 	@cmake --build --preset coverage -j $(JOBS)
 	@find build/coverage -name '*.gcda' -delete
-	ctest --preset coverage -j $(JOBS)
+	ctest --preset coverage -j $(TEST_JOBS)
 	@mkdir -p build/coverage/report
 	gcovr -r . --gcov-ignore-parse-errors --filter 'src/' -j $(JOBS) --print-summary \
 	  --html-details build/coverage/report/index.html build/coverage
