@@ -7,7 +7,7 @@ packages=(
   nlohmann-json3-dev libsqlite3-dev sqlite3 libcurl4-openssl-dev libasio-dev
   libplist-dev libcli11-dev libcpp-httplib-dev libssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  iproute2 clang libclang-rt-14-dev lld valgrind
+  iproute2 clang libclang-rt-14-dev lld valgrind gcovr
 )
 missing=()
 for p in "${packages[@]}"; do
