@@ -89,6 +89,7 @@ TEST(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt) {
     ASSERT_TRUE(reached) << "the host never got there:\n" << readFile(host.root / "stderr");
     ledger.addSaved(nextSeq, readReportedCount(report));
     expectNothingLost(host, ledger, 0);
+    if (testing::Test::HasFailure()) return;  // later rounds would only repeat the finding
     // The start-up trim keeps at most 10,000 requests; the check above assumes it never had to.
     ASSERT_LT(readStore(host.store).rows, 9000);
     nextSeq += 1'000'000;
