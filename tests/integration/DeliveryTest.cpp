@@ -24,12 +24,6 @@ using sandbox::SandboxConfig;
 using sandbox::SandboxServer;
 using Stat = VNTRStatistic;
 
-SandboxConfig quickServer(int64_t intervalMs = 100) {
-  SandboxConfig config;
-  config.batchIntervalMs = intervalMs;
-  return config;
-}
-
 std::multiset<int64_t> receivedSeqs(const SandboxServer& server) {
   std::multiset<int64_t> seqs;
   for (const json& request : server.events()) seqs.insert(sequenceOf(request).value_or(-1));
@@ -70,7 +64,7 @@ class Delivery : public ::testing::Test {
 // Three threads fire while the server drops a third of the answers: every request still arrives,
 // the dropped ones again, and the counters agree with what the server saw.
 TEST_F(Delivery, everyEventArrivesExactlyOnceDespiteDroppedAnswers) {
-  SandboxConfig config = quickServer();
+  SandboxConfig config = sandboxConfig(100);
   config.faults.dropShare = 0.3;
   SandboxServer server(config);
   serve(server);
@@ -107,7 +101,7 @@ TEST_F(Delivery, everyEventArrivesExactlyOnceDespiteDroppedAnswers) {
 // Nothing listens while the first launch runs: it tries, keeps everything, and the next launch
 // over the same directory delivers it all once.
 TEST_F(Delivery, aQueueLeftWhileTheServerWasDownGoesOutAtTheNextLaunch) {
-  SandboxServer server(quickServer());
+  SandboxServer server(sandboxConfig(100));
   serve(server);
   server.stop();  // the port stays known and nothing listens on it
   constexpr int kEvents = 50;
@@ -130,7 +124,7 @@ TEST_F(Delivery, aQueueLeftWhileTheServerWasDownGoesOutAtTheNextLaunch) {
 // Calls made while the server's consent check says consent is needed, or while the stored
 // consent refuses, never leave the process; once consent is given they go out.
 TEST_F(Delivery, onlyCallsMadeWithConsentReachTheServer) {
-  SandboxConfig config = quickServer();
+  SandboxConfig config = sandboxConfig(100);
   config.needsConsent = true;
   SandboxServer server(config);
   serve(server);
@@ -163,7 +157,7 @@ TEST_F(Delivery, onlyCallsMadeWithConsentReachTheServer) {
 // From the third batch on, each leaves at least the interval the server answered after the
 // answer to the one before.
 TEST_F(Delivery, pacesLaterBatchesByTheIntervalTheServerAnswers) {
-  SandboxServer server(quickServer(1200));
+  SandboxServer server(sandboxConfig(1200));
   std::mutex mutex;
   std::vector<std::chrono::steady_clock::time_point> arrivals;
   server.setBatchObserver([&](const json&) {
@@ -183,7 +177,7 @@ TEST_F(Delivery, pacesLaterBatchesByTheIntervalTheServerAnswers) {
 // The server's qualified-event list drops other calls, and an ignoreBatch event sends the queue
 // at once instead of waiting for the 60 s timer.
 TEST_F(Delivery, appliesTheServersQualifiedEventsAndSendsIgnoreBatchEventsAtOnce) {
-  SandboxConfig config = quickServer(60000);
+  SandboxConfig config = sandboxConfig(60000);
   config.qualifiedEvents = json::array({{{"eventName", "purchase"}, {"ignoreBatch", true}},
                                         {{"eventName", "open"}, {"ignoreBatch", false}}});
   SandboxServer server(config);
@@ -237,7 +231,7 @@ Faults faultsFor(int step) {
 // created request is delivered (by the delegate's count and the server's) or still queued.
 TEST_F(Delivery, underStressEveryCreatedRequestIsDeliveredOrStillQueued) {
   constexpr int kThreads = 8, kCalls = 10'000, kSteps = 50;
-  SandboxServer server(quickServer());
+  SandboxServer server(sandboxConfig(100));
   serve(server);
   VNTRPreferences::sharedPreferences().setRequestTimeout(10);
   QuietLog quiet;

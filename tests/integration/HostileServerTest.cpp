@@ -58,7 +58,9 @@ class RawServer {
 
   explicit RawServer(Behaviour behaviour) : behaviour_(std::move(behaviour)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
         ::listen(listener_, 16) == 0 &&
@@ -242,7 +244,9 @@ TEST_F(HostileServers, noAnswerOfAnyShapeTouchesAStoredRequest) {
   }
   EXPECT_LT(announced.load(), 32LL * 1024 * 1024);  // the cap plus what the sockets buffer
   EXPECT_LT(chunked.load(), 32LL * 1024 * 1024);
-  if (!kSanitized) EXPECT_LT(peakResidentBytes() - peakBefore, 48LL * 1024 * 1024);
+  if (!kSanitized) {
+    EXPECT_LT(peakResidentBytes() - peakBefore, 48LL * 1024 * 1024);
+  }
   EXPECT_GE(counts_[Stat::responseUnparsable], 4);  // the four bodies, at least
   EXPECT_EQ(counts_[Stat::eventResultProcessed], 0);
   EXPECT_EQ(storedIds().size(), static_cast<size_t>(n));

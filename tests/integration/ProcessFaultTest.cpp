@@ -57,7 +57,7 @@ TEST(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt) {
   const HostLayout host(dir.path());
   writeSiteID(host.bundle);
   EventLedger ledger;  // outlives the server, which calls it
-  sandbox::SandboxServer server(sandbox::SandboxConfig{.batchIntervalMs = 100});
+  sandbox::SandboxServer server(sandboxConfig(100));
   ASSERT_TRUE(server.start());
   ledger.attach(server);
   const uint32_t s = seed();
@@ -108,7 +108,7 @@ TEST(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt) {
 TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequests) {
   TempDir dir;
   EventLedger ledger;
-  sandbox::SandboxServer server(sandbox::SandboxConfig{.batchIntervalMs = 1000});
+  sandbox::SandboxServer server(sandboxConfig(1000));
   ASSERT_TRUE(server.start());
   ledger.attach(server);
   std::unique_ptr<UntrustedTLSServer> tls;
@@ -142,7 +142,9 @@ TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsReques
     ledger.addSaved(firstSeq, readReportedCount(report));
     expectNothingLost(host, ledger, firstSeq);
   }
-  if (tls) EXPECT_EQ(tls->requests(), 0) << "a request got through an untrusted certificate";
+  if (tls) {
+    EXPECT_EQ(tls->requests(), 0) << "a request got through an untrusted certificate";
+  }
   EXPECT_GT(ledger.savedCount(), 0u);
 }
 
@@ -168,7 +170,9 @@ TEST(ProcessFaults, storeAndDefaultsFilesAreTheUsersAloneWhateverTheUmask) {
         << readFile(host.root / "stderr");
     for (const fs::path& file : {host.store, fs::path(host.store.string() + "-wal"),
                                  fs::path(host.store.string() + "-shm"), host.defaults}) {
-      if (fs::exists(file)) EXPECT_EQ(modeOf(file), 0600u) << file;
+      if (fs::exists(file)) {
+        EXPECT_EQ(modeOf(file), 0600u) << file;
+      }
     }
     EXPECT_EQ(modeOf(host.documents) & 077, 0u);
     EXPECT_EQ(modeOf(host.defaults.parent_path()) & 077, 0u);

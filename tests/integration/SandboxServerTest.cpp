@@ -46,7 +46,7 @@ std::map<std::string, json> answerOf(const SandboxServer& server, const std::vec
 // The sandbox answers by id with the configured getEvents result, counts arrivals and repeats,
 // and puts each configured fault into its answers.
 TEST(SandboxServer, answersCountsAndInjectsEachFault) {
-  SandboxServer server(SandboxConfig{.batchIntervalMs = 500});
+  SandboxServer server(test::sandboxConfig(500));
   ASSERT_TRUE(server.start());
   auto entries = answerOf(server, {syncEvent("A"), syncEvent("B"), kGetEvents});
   EXPECT_EQ(entries["A"], json({{"id", "A"}, {"result", {{"status", "ok"}}}}));
@@ -113,7 +113,7 @@ TEST(SandboxServer, controlEndpointsValidateAndThePageEscapes) {
   EXPECT_EQ(page.find("<b>id"), std::string::npos);
   EXPECT_EQ(call(server, "/api/reset").status, 200);
   EXPECT_EQ(server.stats().batches, 0);
-  SandboxServer second(SandboxConfig{.port = server.port()});
+  SandboxServer second(test::sandboxConfig(2000, server.port()));
   EXPECT_FALSE(second.start());  // the port is taken
 }
 

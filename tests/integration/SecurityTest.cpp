@@ -20,7 +20,7 @@ using nlohmann::json;
 TEST(Security, noLogLineCarriesEventData) {
   const std::string marker = "M4RK3R-" + std::to_string(std::random_device{}());
   TempDir dir;
-  sandbox::SandboxServer sandbox(sandbox::SandboxConfig{.batchIntervalMs = 100});
+  sandbox::SandboxServer sandbox(sandboxConfig(100));
   ASSERT_TRUE(sandbox.start());
   LoopbackServer echo([](httplib::Server& server) {
     server.Post("/tags", [](const httplib::Request& request, httplib::Response& response) {

@@ -63,7 +63,7 @@ class RecordingTransport final : public HTTPClientProtocol {
 
 struct HarnessOptions {
   /// The app's data directory (HostLayout); empty: a temporary one of the harness's own.
-  std::filesystem::path root;
+  std::filesystem::path root{};
   bool siteId = true;
   bool consent = true;
   uint32_t reachabilityFlags = 0x2;  // the host-reported starting state

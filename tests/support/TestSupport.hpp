@@ -17,6 +17,7 @@
 #include <vntr/VNTRPreferences.hpp>
 
 #include "Runtime.hpp"
+#include "SandboxServer.hpp"
 
 namespace httplib {
 class Server;
@@ -39,6 +40,15 @@ inline constexpr bool kSanitized = false;
 #endif
 
 constexpr int scaled(int plain, int sanitized) { return kSanitized ? sanitized : plain; }
+
+/// A sandbox whose getEvents answers pace batches `batchIntervalMs` apart (its default, 2 s,
+/// would make tests wait), on `port` (0: any).
+inline sandbox::SandboxConfig sandboxConfig(int64_t batchIntervalMs, int port = 0) {
+  sandbox::SandboxConfig config;
+  config.batchIntervalMs = batchIntervalMs;
+  config.port = port;
+  return config;
+}
 
 /// A fresh directory under the system's temporary directory, removed on destruction.
 class TempDir {

@@ -203,7 +203,7 @@ TEST_F(StoreTest, anUnusableFileGivesANewOrInMemoryStoreAndIsLeftAloneWhenLocked
       other = nullptr;
       EXPECT_EQ(rowsOnDisk(file), 3);
     }
-    if (fs::exists(file / "inside")) EXPECT_TRUE(fs::is_directory(file / "inside"));
+    EXPECT_EQ(fs::exists(file / "inside"), fs::is_directory(file / "inside"));
     fill(2);
     EXPECT_EQ(onQueue([&] { return store->count(); }), 2);
     store.reset();

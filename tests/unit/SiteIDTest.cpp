@@ -97,40 +97,6 @@ std::string xmlPlist(size_t levels, const std::string& open = "<array>") {
   return text + "</dict></plist>\n";
 }
 
-// Reads `bytes` as a property list on a thread with a 512 KiB stack, as a host's worker thread
-// may have; libplist recurses once per nesting level while it builds and frees the tree.
-std::optional<PropertyListDictionary> readOnSmallStack(const std::string& bytes) {
-  TempDir dir;
-  const auto file = dir / "list.plist";
-  std::ofstream(file, std::ios::binary) << bytes;
-  struct Call {
-    std::filesystem::path file;
-    std::optional<PropertyListDictionary> result;
-  } call{file, std::nullopt};
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 512 * 1024);
-  pthread_t thread;
-  const int created = pthread_create(
-      &thread, &attributes,
-      [](void* argument) -> void* {
-        auto* c = static_cast<Call*>(argument);
-        c->result = readPropertyListDictionary(c->file);
-        return nullptr;
-      },
-      &call);
-  pthread_attr_destroy(&attributes);
-  EXPECT_EQ(created, 0);
-  if (created == 0) pthread_join(thread, nullptr);
-  return call.result;
-}
-
-std::optional<std::string> siteIDIn(const std::optional<PropertyListDictionary>& entries) {
-  if (!entries) return std::nullopt;
-  const auto found = entries->find("VantrelSiteID");
-  return found == entries->end() ? std::nullopt : found->second;
-}
-
 struct Outcome {
   std::optional<std::string> siteID;
   std::vector<std::string> lines;
