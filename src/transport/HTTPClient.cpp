@@ -2,12 +2,14 @@
 
 #include <curl/curl.h>
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -85,15 +87,28 @@ void stopAtExit(std::weak_ptr<StoppedAtExit> transport) {
 // Trivially destructible, so it is safe at namespace scope in a library that is never torn down.
 std::once_flag curlGlobalInitFlag;
 
+// OpenSSL frees its tables from an exit handler of its own, and a transport thread still inside a
+// handshake when the process exits reads them (a use after free, seen by ThreadSanitizer). Asked
+// before anything initialises it, OpenSSL registers no such handler; the kernel takes the memory
+// back at exit anyway. Looked up, not linked: libcurl may use another TLS library.
+void keepTLSTablesAtExit() {
+  constexpr uint64_t kOpenSSLInitNoAtExit = 0x00080000;  // OPENSSL_INIT_NO_ATEXIT
+  using InitCrypto = int (*)(uint64_t, const void*);
+  if (void* symbol = ::dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto")) {
+    reinterpret_cast<InitCrypto>(symbol)(kOpenSSLInitNoAtExit, nullptr);
+  }
+}
+
 void initializeCurlOnce() {
   // Never paired with curl_global_cleanup: the host may use libcurl too, and our thread may still
   // run while the process exits.
   std::call_once(curlGlobalInitFlag, [] {
+    keepTLSTablesAtExit();
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    // The TLS library is initialised by now (by this call or earlier by the host) and has
-    // registered the exit handler that frees its tables; a transport thread inside a handshake
-    // or a random-number call at that moment crashes the exiting process. Exit handlers run in
-    // reverse order of registration, so this one runs before it and stops our threads first.
+    // A host that initialised the TLS library before us has registered the exit handler that
+    // frees its tables; a transport thread inside a handshake or a random-number call at that
+    // moment crashes the exiting process. Exit handlers run in reverse order of registration,
+    // so this one runs before it and stops our threads first.
     std::atexit(stopTransportsAtExit);
   });
 }

@@ -143,6 +143,8 @@ int64_t storedRequests() {
   return count;
 }
 
+bool reached(const std::string& point);
+
 int run(char** argv) {
   const fs::path dataDir = argv[2];
   const int64_t firstSeq = std::stoll(argv[4]);
@@ -162,10 +164,12 @@ int run(char** argv) {
       continue;
     }
     // Alone, a host has sent its requests when each was answered; sharing the queue with
-    // other processes, some of its requests go out in theirs, and the queue runs empty.
+    // other processes, some of its requests go out in theirs, and the queue runs empty. It
+    // leaves with no batch of its own in flight (another process's requests may be in it, and
+    // a reply that never arrives sends them again).
     if (maxEvents > 0 && fired == maxEvents &&
         reporter()[VNTRStatistic::eventCreated] == maxEvents &&
-        (backlog() == 0 || storedRequests() == 0)) {
+        (backlog() == 0 || storedRequests() == 0) && !reached("inflight")) {
       return 0;
     }
     VNTRTagManager::updateReachabilityFlags(kReachable);

@@ -1,8 +1,7 @@
 #include "support/Harness.hpp"
 
-#include "facade/TagManagerCore.hpp"
-
 #include "core/SerialExecutor.hpp"
+#include "facade/TagManagerCore.hpp"
 #include "transport/VNTRRequester.hpp"
 
 namespace vntr::test {
