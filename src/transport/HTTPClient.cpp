@@ -2,12 +2,14 @@
 
 #include <curl/curl.h>
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -20,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/ForkGate.hpp"
+#include "core/SerialExecutor.hpp"
 #include "core/VNTRDebug.hpp"
 #include "transport/HTTPSupport.hpp"
 
@@ -75,6 +79,49 @@ void stopTransportsAtExit() noexcept {
   for (const auto& transport : live) transport->stopForExit(deadline);
 }
 
+// OpenSSL registers the exit handler that frees its tables early in its initialisation, while
+// the rest of it (libcurl's and libssh2's share) goes on. Its base initialisation takes
+// microseconds and registers that handler now. Nothing to do when libcurl uses another TLS
+// library (none of them frees anything in an exit handler) or when OpenSSL is initialised
+// already.
+void registerTlsExitHandler() {
+  // An option already set returns at once, before the handler is registered; OPENSSL_INIT_ASYNC
+  // is one libcurl does not ask for, and all it makes is two thread-local keys.
+  constexpr uint64_t kOpenSSLInitAsync = 0x100;
+  for (const char* name : {"libcrypto.so.3", "libcrypto.so.1.1"}) {
+    void* library = ::dlopen(name, RTLD_NOW | RTLD_NOLOAD);
+    if (library == nullptr) continue;
+    using InitCrypto = int (*)(uint64_t options, const void* settings);
+    if (auto* init = reinterpret_cast<InitCrypto>(::dlsym(library, "OPENSSL_init_crypto"))) {
+      init(kOpenSSLInitAsync, nullptr);
+    }
+    ::dlclose(library);
+    return;
+  }
+}
+
+// Once, at the first client and so before any transport thread exists. A transport thread
+// inside libcurl (starting it, or in a handshake or a random-number call) when the TLS library's
+// exit handler frees its tables crashes the exiting process. Exit handlers run in reverse order
+// of registration: stopTransportsAtExit, registered after the TLS library's, stops our threads
+// before that handler runs, and waits for one that is still initialising libcurl.
+void registerExitHandlers() {
+  static std::once_flag registered;
+  std::call_once(registered, [] {
+    registerTlsExitHandler();
+    std::atexit(stopTransportsAtExit);
+    // A forked child never uses its parent's transports (their threads stayed behind): exit
+    // there must not wait for them. Held across the fork, the mutex is whole in the child.
+    pthread_atfork([] { transportsAtExit().mutex.lock(); },
+                   [] { transportsAtExit().mutex.unlock(); },
+                   [] {
+                     auto& transports = transportsAtExit();
+                     transports.live.clear();
+                     transports.mutex.unlock();
+                   });
+  });
+}
+
 void stopAtExit(std::weak_ptr<StoppedAtExit> transport) {
   auto& transports = transportsAtExit();
   std::scoped_lock lock(transports.mutex);
@@ -88,14 +135,7 @@ std::once_flag curlGlobalInitFlag;
 void initializeCurlOnce() {
   // Never paired with curl_global_cleanup: the host may use libcurl too, and our thread may still
   // run while the process exits.
-  std::call_once(curlGlobalInitFlag, [] {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    // The TLS library is initialised by now (by this call or earlier by the host) and has
-    // registered the exit handler that frees its tables; a transport thread inside a handshake
-    // or a random-number call at that moment crashes the exiting process. Exit handlers run in
-    // reverse order of registration, so this one runs before it and stops our threads first.
-    std::atexit(stopTransportsAtExit);
-  });
+  std::call_once(curlGlobalInitFlag, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 HTTPError curlError(CURLcode code, const char* description) {
@@ -154,19 +194,7 @@ size_t writeBody(char* bytes, size_t size, size_t count, void* userdata) noexcep
 }  // namespace
 
 struct HTTPClient::State final : StoppedAtExit {
-  State() {
-    initializeCurlOnce();
-    multi = curl_multi_init();
-    // Like a browser, a few connections per host at most; further transfers wait for one.
-    if (multi != nullptr)
-      curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
-    postHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
-    // Without this curl may wait for a "100 Continue" before sending a larger body.
-    if (postHeaders != nullptr) {
-      curl_slist* withExpect = curl_slist_append(postHeaders, "Expect:");
-      if (withExpect != nullptr) postHeaders = withExpect;
-    }
-  }
+  State() = default;
   ~State() override {
     for (CURL* easy : idle) curl_easy_cleanup(easy);
     if (multi != nullptr) curl_multi_cleanup(multi);
@@ -175,25 +203,46 @@ struct HTTPClient::State final : StoppedAtExit {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  bool usable() const { return multi != nullptr && postHeaders != nullptr; }
+  /// A request handed back, and why: the client is stopping, or never started.
+  struct Refused {
+    Request request;
+    CURLcode code;
+  };
 
-  /// Queues `request` and wakes the thread; hands it back when the client no longer accepts work.
-  std::optional<Request> enqueue(Request request) {
+  /// Queues `request` and wakes the thread; hands it back when the client does not take work.
+  std::optional<Refused> enqueue(Request request) {
+    CURLM* wake = nullptr;
     {
       std::scoped_lock lock(mutex);
-      if (stopping) return request;
+      if (failed) return Refused{std::move(request), CURLE_FAILED_INIT};
+      if (stopping) return Refused{std::move(request), CURLE_ABORTED_BY_CALLBACK};
       queue.push_back(std::move(request));
+      // Until it has started, the thread reads the queue before it first waits.
+      if (started) wake = multi;
     }
-    curl_multi_wakeup(multi);
+    if (wake != nullptr) curl_multi_wakeup(wake);
     return std::nullopt;
   }
 
   void requestStop() {
+    CURLM* wake = nullptr;
     {
       std::scoped_lock lock(mutex);
       stopping = true;
+      if (started) wake = multi;
     }
-    curl_multi_wakeup(multi);
+    if (wake != nullptr) curl_multi_wakeup(wake);
+  }
+
+  /// No thread was made: every request from now on fails at once, with the shut-down error
+  /// once `stopped`, else as never started.
+  void refuseAll(bool stopped) {
+    std::scoped_lock lock(mutex);
+    if (stopped) {
+      stopping = true;
+    } else {
+      failed = true;
+    }
   }
 
   void stopForExit(std::chrono::steady_clock::time_point deadline) noexcept override {
@@ -208,6 +257,7 @@ struct HTTPClient::State final : StoppedAtExit {
     finishedChanged.wait_until(lock, deadline, [this] { return finished; });
   }
 
+  bool startUp();
   void run();
   void start(Request request);
   void configure(CURL* easy, Transfer& transfer) const;
@@ -216,14 +266,16 @@ struct HTTPClient::State final : StoppedAtExit {
   void recycle(CURL* easy);
   void shutDown(std::vector<Request> queued);
 
-  // Created before the thread starts and destroyed after it ends. Only curl_multi_wakeup is
-  // called from other threads (libcurl allows that); everything else on the transport thread.
+  // Made by the thread as it starts and destroyed after it ends. Other threads only call
+  // curl_multi_wakeup (libcurl allows that), once `started` says the handle is there.
   CURLM* multi = nullptr;
-  curl_slist* postHeaders = nullptr;  // immutable after construction
+  curl_slist* postHeaders = nullptr;  // immutable once started
   std::atomic<long> connectionsOpened{0};
 
   std::mutex mutex;
   std::vector<Request> queue;   // guarded by mutex
+  bool started = false;         // guarded by mutex: `multi` is ready for wake-ups
+  bool failed = false;          // guarded by mutex: libcurl could not start; nothing is taken
   bool stopping = false;        // guarded by mutex
   bool finished = false;        // guarded by mutex: the thread has shut down and left libcurl
   bool stoppedForExit = false;  // guarded by mutex: stopped by the exit handler, not a destructor
@@ -235,8 +287,41 @@ struct HTTPClient::State final : StoppedAtExit {
   std::vector<CURL*> idle;
 };
 
+bool HTTPClient::State::startUp() {
+  bool usable = false;
+  std::vector<Request> unserved;
+  {
+    // Counted by the fork gate: a child must not inherit libcurl or the TLS library half made.
+    const forkgate::Task gate;
+    initializeCurlOnce();
+    multi = curl_multi_init();
+    // Like a browser, a few connections per host at most; further transfers wait for one.
+    if (multi != nullptr)
+      curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    postHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
+    // Without this curl may wait for a "100 Continue" before sending a larger body.
+    if (postHeaders != nullptr) {
+      curl_slist* withExpect = curl_slist_append(postHeaders, "Expect:");
+      if (withExpect != nullptr) postHeaders = withExpect;
+    }
+    usable = multi != nullptr && postHeaders != nullptr;
+    std::scoped_lock lock(mutex);
+    started = usable;
+    failed = !usable;
+    if (failed) unserved.swap(queue);
+  }
+  if (usable) return true;
+  Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
+  for (Request& request : unserved) {
+    deliver(request.completion, std::nullopt, std::nullopt,
+            curlError(CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT)));
+  }
+  return false;
+}
+
 void HTTPClient::State::run() {
   pthread_setname_np(pthread_self(), "VNTRTransport");
+  runInBackground();
   runner.store(std::this_thread::get_id());
   // A host may end this thread inside a completion (a forced unwind): stopping for exit must not
   // then wait for a thread that is gone.
@@ -250,6 +335,7 @@ void HTTPClient::State::run() {
       state.finishedChanged.notify_all();
     }
   } ended{*this};
+  if (!startUp()) return;
   for (;;) {
     std::vector<Request> incoming;
     bool stop = false;
@@ -436,21 +522,11 @@ HTTPClient::HTTPClient(std::function<double()> requestTimeout)
   if (!requestTimeout_) {
     requestTimeout_ = [] { return VNTRPreferences::sharedPreferences().requestTimeout(); };
   }
-  if (state_->usable()) {
-    try {
-      thread_ = std::thread([state = state_] { state->run(); });
-    } catch (const std::system_error&) {
-      // Without a thread every request fails at once; see submit.
-    }
-  }
-  if (thread_.joinable()) {
-    stopAtExit(state_);
-  } else {
-    Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
-  }
+  registerExitHandlers();
 }
 
 HTTPClient::~HTTPClient() {
+  std::call_once(threadStarted_, [this] { state_->refuseAll(true); });
   if (!thread_.joinable()) return;
   state_->requestStop();
   if (thread_.get_id() == std::this_thread::get_id()) {
@@ -462,6 +538,22 @@ HTTPClient::~HTTPClient() {
   }
 }
 
+void HTTPClient::startThread() {
+  bool unable = false;
+  std::call_once(threadStarted_, [&] {
+    stopAtExit(state_);
+    try {
+      // libcurl and the TLS library are initialised on the thread, not the caller's.
+      thread_ = std::thread([state = state_] { state->run(); });
+    } catch (const std::system_error&) {
+      state_->refuseAll(false);
+      unable = true;
+    }
+  });
+  // Outside call_once: a log callback may post again.
+  if (unable) Debug(VantrelLogLevel::error, "Unable to initialise the HTTP transport");
+}
+
 void HTTPClient::post(std::string body, const std::string& url, HTTPCompletion completion) {
   submit(true, std::move(body), url, std::move(completion));
 }
@@ -471,6 +563,7 @@ void HTTPClient::get(const std::string& url, HTTPCompletion completion) {
 }
 
 void HTTPClient::stop(std::chrono::steady_clock::time_point deadline) {
+  std::call_once(threadStarted_, [this] { state_->refuseAll(true); });
   if (thread_.joinable()) state_->stopForExit(deadline);
 }
 
@@ -488,19 +581,16 @@ void HTTPClient::submit(bool isPost, std::string body, const std::string& url,
     }
     return;
   }
-  if (!thread_.joinable()) {
-    if (completion) {
-      completion(std::nullopt, std::nullopt,
-                 curlError(CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT)));
-    }
-    return;
-  }
+  startThread();
   Request request{isPost, std::move(*parsed), std::move(body),
                   timeoutMilliseconds(requestTimeout_()), std::move(completion)};
-  if (std::optional<Request> refused = state_->enqueue(std::move(request))) {
-    // Only while shutting down, e.g. a completion that posts again during destruction.
-    deliver(refused->completion, std::nullopt, std::nullopt,
-            curlError(CURLE_ABORTED_BY_CALLBACK, kShutDownDescription));
+  if (auto refused = state_->enqueue(std::move(request))) {
+    // Shutting down (a completion that posts again during destruction, say), or libcurl never
+    // started.
+    const bool stopped = refused->code == CURLE_ABORTED_BY_CALLBACK;
+    deliver(refused->request.completion, std::nullopt, std::nullopt,
+            curlError(refused->code,
+                      stopped ? kShutDownDescription : curl_easy_strerror(refused->code)));
   }
 }
 
