@@ -74,10 +74,9 @@ Runtime& Runtime::shared() {
     // After the runtime's parts have installed theirs: fork takes this mutex first, in the
     // order this function takes it (before the main queue's), and so can never deadlock with it.
     installForkHandlers();
-    // Registered after the transport's wait for its own start-up (made by the constructor), so
-    // it runs first and the store commits before anything is torn down; the handler that stops
-    // the transport's thread is registered by that start-up, whenever it ends. A forked child
-    // finishes its own runtime, if it made one, never the parent's.
+    // Registered after the transport's own exit handler (made by the constructor), so it runs
+    // first: the store commits while the transport still works and before anything is torn
+    // down. A forked child finishes its own runtime, if it made one, never the parent's.
     std::atexit([] {
       if (auto* current = sharedSettings().current.load(std::memory_order_acquire)) {
         current->finishAtExit();
@@ -303,7 +302,10 @@ VNTRRequester& Runtime::requester() {
 
 void Runtime::fireRequester(bool now) {
   const auto fire = [now](VNTRRequester& sender) { now ? sender.fireNow() : sender.fire(); };
-  if (auto* sender = createdRequester_.load()) return fire(*sender);
+  if (auto* sender = createdRequester_.load()) {
+    fire(*sender);
+    return;
+  }
   // Made on the store queue, behind the store's opening (no batch could go before it anyway):
   // the host's thread starts no thread but the store's.
   storeQueue_->post([liveness = liveness_, fire] {
