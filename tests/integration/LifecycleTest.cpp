@@ -15,11 +15,11 @@
 #include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
 #include "facade/TagManagerCore.hpp"
-#include "fault/FaultSupport.hpp"
+#include "support/Process.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
-#include "support/LiveRuntime.hpp"
+#include "support/Harness.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr::test {
@@ -211,7 +211,7 @@ TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
 // returns while neither library queue can run at all.
 TEST(Lifecycle, theFirstCallDoesNotWaitForStartUp) {
   TempDir dir;
-  const auto paths = LiveRuntime::pathsUnder(dir.path());
+  const auto paths = HostLayout(dir.path()).paths();
   writeSiteID(paths.mainBundleDirectory);
   auto defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
   defaults->setString("IABConsent_SubjectToGDPR", "0");

@@ -10,7 +10,7 @@
 
 #include "SandboxServer.hpp"
 #include "facade/TagManagerCore.hpp"
-#include "support/LiveRuntime.hpp"
+#include "support/Harness.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr {

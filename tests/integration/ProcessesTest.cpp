@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "SandboxServer.hpp"
-#include "fault/FaultSupport.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr::test {

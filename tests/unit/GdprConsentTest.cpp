@@ -92,22 +92,22 @@ struct Row {
 TEST(GdprConsent, decisionTable) {
   const std::string e = "e\xCC\x81";  // "e" + combining acute: one character, two code points
   const std::vector<Row> rows = {
-      {"not subject", "0", std::nullopt, std::nullopt, false, true, false},
+      // clang-format off
+      {"not subject", "0", {}, {}, false, true, false},
       {"not subject wins over denial", "0", "0", vendors(30, '0'), false, true, false},
       {"vendor 24 granted", "1", "1", vendors(24, '1'), true, true, false},
       {"vendor 24 denied", "1", "1", vendors(24, '0'), true, false, false},
       {"purpose 1 denied", "1", "0111", vendors(24, '1'), true, false, false},
-      {"subject absent", std::nullopt, "1", vendors(40, '1'), std::nullopt, true, false},
+      {"subject absent", {}, "1", vendors(40, '1'), {}, true, false},
       {"subject empty is subject", "", "1", vendors(24, '0'), true, false, false},
-      {"23 vendors are too few", "1", "1", vendors(23, '1'), true, std::nullopt, true},
-      {"no vendors", "1", "1", std::nullopt, true, std::nullopt, true},
-      {"empty purposes", std::nullopt, "", vendors(24, '1'), std::nullopt, std::nullopt, true},
-      {"no purposes", std::nullopt, std::nullopt, vendors(24, '1'), std::nullopt, std::nullopt,
-       true},
+      {"23 vendors are too few", "1", "1", vendors(23, '1'), true, {}, true},
+      {"no vendors", "1", "1", {}, true, {}, true},
+      {"empty purposes", {}, "", vendors(24, '1'), {}, {}, true},
+      {"no purposes", {}, {}, vendors(24, '1'), {}, {}, true},
       {"purpose 1 with a mark is not 1", "1", "1\xCC\x81", vendors(24, '1'), true, false, false},
       {"vendor 24 is a composed character", "1", "1", std::string(23, '1') + e, true, false, false},
-      {"characters, not code points, are counted", "1", "1", std::string(22, '1') + e, true,
-       std::nullopt, true},
+      {"characters, not code points, are counted", "1", "1", std::string(22, '1') + e, true, {}, true},
+      // clang-format on
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -124,10 +124,7 @@ TEST(GdprConsent, decisionTable) {
     EXPECT_EQ(log.lines(),
               row.remote ? std::vector<std::string>{kCannotDecide} : std::vector<std::string>{});
   }
-}
-
-TEST(GdprConsent, subjectStoredAsANumberCountsAsAbsent) {
-  Harness h;
+  Harness h;  // a subject stored as a number counts as absent
   h.store(std::nullopt, "1", vendors(24, '0'));
   h.defaults.setDouble("IABConsent_SubjectToGDPR", 0);
   h.consent->determineGDPRConsent();
@@ -168,88 +165,59 @@ TEST(GdprConsent, changeOfEachObservedKeyResetsAndDecidesAgain) {
   EXPECT_EQ(h.get.urls().size(), 1u);
 }
 
-struct Answer {
-  const char* name;
-  std::optional<std::string> data;
-  std::optional<HTTPError> error;
-  std::optional<bool> hasResult;
-  std::vector<std::string> lines;
-};
-
+// Every answer of the remote check, and a transport that fails or throws: each is logged and only
+// a clear "not needed" grants consent; the subject value is never set remotely.
 TEST(GdprConsent, remoteCheckAnswers) {
   const HTTPError refused{"CURL", 7, "Couldn't connect to server"};
-  const std::vector<Answer> answers = {
-      {"not needed",
-       R"({"needs_consent": false})",
-       std::nullopt,
-       true,
-       {"[Verbose] GDPR consent not required.", kDeterminedTrue}},
-      {"needed", R"({"needs_consent": true})", std::nullopt, std::nullopt, {kDeterminedFalse}},
-      {"silent", "{}", std::nullopt, std::nullopt, {kDeterminedFalse}},
-      {"other booleans are fine",
-       R"({"needs_consent": false, "gdpr": true})",
-       std::nullopt,
-       true,
-       {"[Verbose] GDPR consent not required.", kDeterminedTrue}},
-      {"a non-boolean member",
-       R"({"needs_consent": false, "x": "y"})",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] Badly formatted reponse for GDPR check.", kDeterminedFalse}},
-      {"a number is not a boolean",
-       R"({"needs_consent": 0})",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] Badly formatted reponse for GDPR check.", kDeterminedFalse}},
-      {"an array",
-       R"([false])",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] Badly formatted reponse for GDPR check.", kDeterminedFalse}},
-      {"a bare value",
-       "false",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] GDPR response is not JSON.", kDeterminedFalse}},
-      {"html",
-       "<html>busy</html>",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] GDPR response is not JSON.", kDeterminedFalse}},
-      {"empty body",
-       "",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] GDPR response is not JSON.", kDeterminedFalse}},
-      {"invalid UTF-8",
-       "{\"needs_consent\": false, \"\xff\": true}",
-       std::nullopt,
-       std::nullopt,
-       {"[Error] GDPR response is not JSON.", kDeterminedFalse}},
-      {"transport error",
-       std::nullopt,
-       refused,
-       std::nullopt,
-       {"[Error] Error recieved during GDPR requirement check.:Couldn't connect to server",
-        "[Error] No data received during GDPR requirement check.", kDeterminedFalse}},
-      {"error with data still reads the data",
-       R"({"needs_consent": false})",
-       refused,
-       true,
-       {"[Error] Error recieved during GDPR requirement check.:Couldn't connect to server",
-        "[Verbose] GDPR consent not required.", kDeterminedTrue}},
+  const std::string notRequired = "[Verbose] GDPR consent not required.";
+  const std::string badFormat = "[Error] Badly formatted reponse for GDPR check.";
+  const std::string notJSON = "[Error] GDPR response is not JSON.";
+  const std::string failed = "[Error] Error recieved during GDPR requirement check.:";
+  const std::string noData = "[Error] No data received during GDPR requirement check.";
+  using Lines = std::vector<std::string>;
+  const struct {
+    std::optional<std::string> data;
+    std::optional<HTTPError> error;
+    std::optional<bool> hasResult;
+    Lines lines;
+  } answers[] = {
+      // clang-format off
+      {R"({"needs_consent": false})", {}, true, {notRequired, kDeterminedTrue}},
+      {R"({"needs_consent": true})", {}, {}, {kDeterminedFalse}},
+      {"{}", {}, {}, {kDeterminedFalse}},
+      {R"({"needs_consent": false, "gdpr": true})", {}, true, {notRequired, kDeterminedTrue}},
+      {R"({"needs_consent": false, "x": "y"})", {}, {}, {badFormat, kDeterminedFalse}},
+      {R"({"needs_consent": 0})", {}, {}, {badFormat, kDeterminedFalse}},
+      {"[false]", {}, {}, {badFormat, kDeterminedFalse}},
+      {"false", {}, {}, {notJSON, kDeterminedFalse}},
+      {"<html>busy</html>", {}, {}, {notJSON, kDeterminedFalse}},
+      {"", {}, {}, {notJSON, kDeterminedFalse}},
+      {"{\"needs_consent\": false, \"\xff\": true}", {}, {}, {notJSON, kDeterminedFalse}},
+      {{}, refused, {}, {failed + refused.localizedDescription, noData, kDeterminedFalse}},
+      // an error with data still reads the data
+      {R"({"needs_consent": false})", refused, true,
+       {failed + refused.localizedDescription, notRequired, kDeterminedTrue}},
+      // clang-format on
   };
   for (const auto& answer : answers) {
-    SCOPED_TRACE(answer.name);
+    SCOPED_TRACE(answer.data.value_or("no data"));
     Harness h;
     h.consent->remoteRetrieveConsent();
     ASSERT_EQ(h.get.urls(), std::vector<std::string>{kEndpoint});
     CapturingLog log;
     h.get.answer(answer.data, answer.error);
     EXPECT_EQ(h.consent->hasGdprConsentValue(), answer.hasResult);
-    EXPECT_EQ(h.consent->subjectToGdprConsentValue(), std::nullopt);  // never set remotely
+    EXPECT_EQ(h.consent->subjectToGdprConsentValue(), std::nullopt);
     EXPECT_EQ(log.lines(), answer.lines);
   }
+  TempDir dir;
+  UserDefaults defaults(dir / "UserDefaults.json");
+  GdprConsent throwing(
+      defaults, [](const std::string&, HTTPCompletion) { throw std::runtime_error("no sockets"); },
+      kEndpoint);
+  CapturingLog log;
+  throwing.remoteRetrieveConsent();
+  EXPECT_EQ(log.lines(), (Lines{failed + "no sockets", noData, kDeterminedFalse}));
 }
 
 TEST(GdprConsent, invalidEndpointNeverReachesTheTransport) {
@@ -268,20 +236,6 @@ TEST(GdprConsent, invalidEndpointNeverReachesTheTransport) {
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                kCannotDecide, "[Error] Unable to check gdpr. Invalid Check URL"}));
   }
-}
-
-TEST(GdprConsent, transportThatThrowsIsReportedLikeAFailedCheck) {
-  TempDir dir;
-  UserDefaults defaults(dir / "UserDefaults.json");
-  GdprConsent consent(
-      defaults, [](const std::string&, HTTPCompletion) { throw std::runtime_error("no sockets"); },
-      kEndpoint);
-  CapturingLog log;
-  consent.remoteRetrieveConsent();
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                "[Error] Error recieved during GDPR requirement check.:no sockets",
-                "[Error] No data received during GDPR requirement check.", kDeterminedFalse}));
 }
 
 TEST(GdprConsent, lateAnswersStillCountAndOutliveTheirConsentObject) {

@@ -3,6 +3,7 @@
 #include "facade/TagManagerCore.hpp"
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTREventPriority.hpp"
+#include "model/VNTRSyncEvent.hpp"
 #include "support/Harness.hpp"
 #include "transport/VNTRRequester.hpp"
 
@@ -18,7 +19,13 @@ constexpr const char* kNoSiteId =
     "for the reasons this might be happening.";
 constexpr const char* kNoConsent =
     "[Error] GDPR consent was not granted for this app/purpose. Please re-initialize.";
-constexpr const char* kNotQualified = "[Verbose] No qualified events found.  Ignoring event";
+
+// Event data nested `levels` deep ({"a":{"a":...}}), built without recursion.
+nlohmann::json nested(size_t levels) {
+  auto data = nlohmann::json::object();
+  for (size_t i = 1; i < levels; ++i) data = nlohmann::json::object({{"a", std::move(data)}});
+  return data;
+}
 
 void fire(Harness& h, std::vector<std::string> events, std::string group = "group",
           VNTREventPriority priority = VNTREventPriority::high, bool startRequester = true) {
@@ -26,77 +33,43 @@ void fire(Harness& h, std::vector<std::string> events, std::string group = "grou
   h.queue->runUntilIdle();
 }
 
+// Site ID, consent, group, events, depth: each check in order, only the first failure logged.
 TEST(VNTRTagManagerIntake, runsItsChecksInOrderAndLogsOnlyTheFirstFailure) {
-  {
+  const struct {
+    test::HarnessOptions options;
+    std::vector<std::string> events;
+    std::string group;
+    nlohmann::json data;
+    std::string line;
+  } cases[] = {
+      {{.siteId = false, .consent = false}, {}, "", kNoData, kNoSiteId},
+      {{.consent = false}, {}, "", kNoData, kNoConsent},
+      {{}, {}, "", kNoData, "[Error] No event group provided"},
+      {{}, {}, "group", kNoData, "[Error] No events provided"},
+      // Copying data this deep would overflow the caller's stack: refused before any copy.
+      {{},
+       {"e"},
+       "group",
+       nested(200'000),
+       "[Error] Sync Event: Invalid event Data provided.  Ensure object is valid using "
+       "\"isValidJSONObject\"."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
     test::CapturingLog log;
-    Harness h({.siteId = false, .consent = false});
-    fire(h, {}, "");
-    EXPECT_EQ(log.count(kNoSiteId), 1u);
-    EXPECT_EQ(log.count(kNoConsent), 0u);
+    Harness h(c.options);
+    h.runtime->tagManager().fireEvents(c.events, c.group, c.data, VNTREventPriority::high, false);
+    h.queue->runUntilIdle();
+    for (const auto& other : cases) EXPECT_EQ(log.count(other.line), &other == &c ? 1u : 0u);
     EXPECT_EQ(h.storedCount(), 0);
   }
-  {
-    test::CapturingLog log;
-    Harness h({.consent = false});
-    fire(h, {}, "");
-    EXPECT_EQ(log.count(kNoConsent), 1u);
-    EXPECT_EQ(log.count("[Error] No event group provided"), 0u);
-    EXPECT_EQ(h.storedCount(), 0);
-  }
-  {
-    test::CapturingLog log;
-    Harness h;
-    fire(h, {}, "");
-    fire(h, {}, "group");
-    EXPECT_EQ(log.count("[Error] No event group provided"), 1u);
-    EXPECT_EQ(log.count("[Error] No events provided"), 1u);
-    EXPECT_EQ(h.storedCount(), 0);
-  }
-}
-
-TEST(VNTRTagManagerIntake, consentFollowsTheUserDefaults) {
-  test::CapturingLog log;
   Harness h;
-  fire(h, {"a"});
-  EXPECT_EQ(h.storedCount(), 1);
-  h.defaults->setString("IABConsent_SubjectToGDPR", "1");  // now subject, no consent strings
-  fire(h, {"b"});
-  EXPECT_EQ(h.storedCount(), 1);
-  EXPECT_EQ(log.count(kNoConsent), 1u);
-  EXPECT_FALSE(h.runtime->tagManager().hasGdprConsent());
-  h.defaults->setString("IABConsent_ParsedPurposeConsents", "1");
-  h.defaults->setString("IABConsent_ParsedVendorConsents", std::string(23, '0') + "1");
-  fire(h, {"c"});
-  EXPECT_EQ(h.storedCount(), 2);
-  EXPECT_TRUE(h.runtime->tagManager().hasGdprConsent());
-}
-
-TEST(VNTRTagManagerIntake, aFreshQualifiedListAdmitsWholeCallsThatNameOneOfItsEvents) {
-  test::CapturingLog log;
-  Harness h;
-  auto& filter = h.runtime->filter();
-  fire(h, {"anything"}, "group", VNTREventPriority::high,
-       false);  // never loaded: stale, everything passes
-  EXPECT_EQ(h.storedCount(), 1);
-  filter.updateFromResult(nlohmann::json::array({{{"eventName", "b"}}}), 3600000);
-  fire(h, {"a"}, "group", VNTREventPriority::high, false);
-  EXPECT_EQ(log.count(kNotQualified), 1u);
-  fire(h, {"a", "b"}, "group", VNTREventPriority::high, false);
-  ASSERT_EQ(h.storedCount(), 2);
-  std::string json;
-  h.runtime->store().performAndWait([&] { json = h.runtime->store().deQueue(1)[0]->jsonData(); });
-  EXPECT_EQ(nlohmann::json::parse(json)["params"]["events"], nlohmann::json({"a", "b"}));
-  h.queue->advanceBy(2h);  // the list expires: stale again
-  fire(h, {"a"}, "group", VNTREventPriority::high, false);
-  EXPECT_EQ(h.storedCount(), 3);
-}
-
-TEST(VNTRTagManagerIntake, startsTheRequesterOnlyWhenAsked) {
-  Harness h;
-  fire(h, {"a"}, "group", VNTREventPriority::high, false);
+  fire(h, {"e"}, "group", VNTREventPriority::high, false);
+  h.runtime->tagManager().fireEvents({"e"}, "g", nested(VNTRSyncEvent::kMaxEventDataDepth),
+                                     VNTREventPriority::high, false);
   h.queue->advanceBy(10s);
-  EXPECT_EQ(h.transport->batches(), 0u);
-  EXPECT_EQ(h.storedCount(), 1);
+  EXPECT_EQ(h.transport->batches(), 0u);  // the requester starts only when asked
+  EXPECT_EQ(h.storedCount(), 2);
   fire(h, {"b"});
   h.queue->advanceBy(2s);
   EXPECT_EQ(h.transport->batches(), 1u);

@@ -17,9 +17,7 @@
 #include <vector>
 #include <vntr/VNTRPreferences.hpp>
 
-namespace vntr {
-class Runtime;
-}
+#include "support/TestSupport.hpp"
 
 namespace vntr::sandbox {
 class SandboxServer;
@@ -27,23 +25,7 @@ class SandboxServer;
 
 namespace vntr::test {
 
-/// True in builds instrumented by a sanitizer. They run several times slower, so the fault
-/// tests scale their rounds down with `scaled`.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
-#else
-inline constexpr bool kSanitized = false;
-#endif
-
-constexpr int scaled(int plain, int sanitized) { return kSanitized ? sanitized : plain; }
-
-/// The host program the fault tests start, kill and watch (tests/integration/fault/FaultChild.cpp).
+/// The host program the fault tests start, kill and watch (tests/integration/FaultChild.cpp).
 std::string faultChildProgram();
 
 /// A program started with fork and exec; killed and reaped by the destructor if still running.
@@ -91,41 +73,17 @@ ChildProcess::Options command(std::vector<std::string> arguments,
 /// "exited with 0", "exited with 3", "killed by signal 6": for failure messages.
 std::string describeWaitStatus(int status);
 
-/// The whole file, or "" when it cannot be read.
-std::string readFile(const std::filesystem::path& file);
-
 /// True when `text` holds a report of AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer
 /// or ThreadSanitizer.
 bool hasSanitizerReport(const std::string& text);
 
-/// Writes the site ID property list a host ships next to its executable.
-void writeSiteID(const std::filesystem::path& bundleDirectory);
-
-/// The data directory of a child host: "bundle" (site ID), "documents" (the store),
-/// "config/defaults.json" (user defaults).
-struct HostLayout {
-  explicit HostLayout(std::filesystem::path root);
-  std::filesystem::path root, bundle, documents, defaults, store;
-};
+/// Runs the current test again, as user `uid`, in a copy of this program that user can reach,
+/// and records its outcome as this test's; false when it could not be run.
+bool rerunCurrentTestAs(uid_t uid);
 
 /// The largest count the child wrote to its report file (one decimal number per line; an
 /// unfinished last line is ignored, as the child may have been killed while writing it).
 int64_t readReportedCount(const std::filesystem::path& reportFile);
-
-/// What a store file holds, read through a connection of the test's own (which also recovers a
-/// write-ahead log left behind by a killed writer).
-struct StoreContents {
-  bool exists = false;
-  bool opened = false;
-  std::string integrity;  // the rows of PRAGMA integrity_check joined by "\n"; "ok" when sound
-  int64_t rows = 0;
-  std::set<int64_t> sequences;  // the "seq" of every stored request's eventData that has one
-  std::string error;
-};
-StoreContents readStore(const std::filesystem::path& storeFile);
-
-/// The "seq" member of a stored or received request's eventData, if any.
-std::optional<int64_t> sequenceOf(const nlohmann::json& request);
 
 /// What the fault tests know about their events, which carry eventData {"seq": n}: which were
 /// saved (reported by a child after each eventCreated) and which the server answered (recorded
@@ -151,44 +109,6 @@ class EventLedger {
   std::set<int64_t> answered_;  // guarded by mutex_
   std::atomic<int64_t> batches_{0};
 };
-
-/// Counts every statistic the library reports.
-class CountingDelegate final : public VNTRTagManagerDelegate {
- public:
-  void notifyForStatistic(int64_t statistic, int64_t adjustment) override;
-  int64_t operator[](VNTRStatistic statistic) const;
-  /// Batches that have ended, either way.
-  int64_t finishedBatches() const;
-
- private:
-  std::array<std::atomic<int64_t>, 10> counts_{};
-};
-
-/// A CountingDelegate installed as the process's delegate while this lives.
-class InstalledCounter {
- public:
-  InstalledCounter();
-  ~InstalledCounter();
-  InstalledCounter(const InstalledCounter&) = delete;
-  InstalledCounter& operator=(const InstalledCounter&) = delete;
-  int64_t operator[](VNTRStatistic statistic) const { return (*delegate_)[statistic]; }
-  int64_t finishedBatches() const { return delegate_->finishedBatches(); }
-
- private:
-  std::shared_ptr<CountingDelegate> delegate_;
-};
-
-/// Drops every log message while it lives (for tests that cause thousands on purpose).
-class QuietLog {
- public:
-  QuietLog();
-  ~QuietLog();
-  QuietLog(const QuietLog&) = delete;
-  QuietLog& operator=(const QuietLog&) = delete;
-};
-
-/// The stored request bodies of `runtime`, newest first, after the store work queued so far.
-std::vector<nlohmann::json> storedRequests(Runtime& runtime);
 
 /// A certificate and key made at test time by the openssl program.
 struct SelfSignedCertificate {

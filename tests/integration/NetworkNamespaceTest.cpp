@@ -20,10 +20,14 @@
 #include <system_error>
 #include <utility>
 #include <vector>
+#include "facade/TagManagerCore.hpp"
 
+#include "model/VNTREventPriority.hpp"
 #include "platform/linux/RouteMonitor.hpp"
+#include "support/Harness.hpp"
 #include "support/NetworkNamespace.hpp"
-#include "support/TestSupport.hpp"
+#include "transport/VNTRReachability.hpp"
+#include "transport/VNTRRequester.hpp"
 
 namespace vntr {
 namespace {
@@ -66,7 +70,7 @@ class FlagLog {
   std::vector<uint32_t> seen_;
 };
 
-TEST(RouteMonitorNamespace, followsDefaultRoutesLinksAndWwanThroughTheKernel) {
+TEST(NetworkNamespace, followsDefaultRoutesLinksAndWwanThroughTheKernel) {
   VNTR_RUN_IN_NETWORK_NAMESPACE([]() -> std::string {
     VNTR_STEP(ipAll({{"link", "set", "lo", "up"}}));
     FlagLog log;
@@ -140,7 +144,7 @@ TEST(RouteMonitorNamespace, followsDefaultRoutesLinksAndWwanThroughTheKernel) {
   });
 }
 
-TEST(RouteMonitorNamespace, aBurstOfRouteChangesCostsFewRecomputations) {
+TEST(NetworkNamespace, aBurstOfRouteChangesCostsFewRecomputations) {
   VNTR_RUN_IN_NETWORK_NAMESPACE([]() -> std::string {
     VNTR_STEP(ipAll({{"link", "set", "lo", "up"},
                      {"link", "add", "v0", "type", "veth", "peer", "name", "v1"},
@@ -181,7 +185,7 @@ TEST(RouteMonitorNamespace, aBurstOfRouteChangesCostsFewRecomputations) {
   });
 }
 
-TEST(RouteMonitorNamespace, startReturnsNullWhenNoSocketCanBeOpened) {
+TEST(NetworkNamespace, startReturnsNullWhenNoSocketCanBeOpened) {
   VNTR_RUN_IN_NETWORK_NAMESPACE([]() -> std::string {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -193,6 +197,110 @@ TEST(RouteMonitorNamespace, startReturnsNullWhenNoSocketCanBeOpened) {
     if (RouteMonitor::start([](uint32_t) {}) == nullptr) return "start() failed afterwards";
     return "";
   });
+}
+
+// The real route monitor gating a requester on a manual main queue and fake clock: a reachable
+// report hands work to the main queue, which the test then steps itself. Batches go to a recording
+// transport, so no traffic leaves the namespace.
+constexpr uint32_t kReachable = VNTRReachability::kReachable;
+constexpr uint32_t kCellular = VNTRReachability::kReachable | VNTRReachability::kIsWWAN;
+
+#define CHECK_THAT(condition, what) \
+  do {                              \
+    if (!(condition)) return what;  \
+  } while (false)
+
+bool names(const nlohmann::json& request, const std::string& event) {
+  return request.is_object() &&
+         request.value(nlohmann::json::json_pointer("/params/events/0"), nlohmann::json()) == event;
+}
+
+/// The connection type recorded for `event`, wherever its request is now: stored or sent.
+nlohmann::json connectionTypeOf(test::Harness& h, const std::string& event) {
+  auto requests = test::storedRequests(*h.runtime);
+  for (const auto& body : h.transport->bodies()) {
+    for (const auto& member : nlohmann::json::parse(body, nullptr, false))
+      requests.push_back(member);
+  }
+  for (const auto& request : requests) {
+    if (names(request, event)) {
+      return request.value(nlohmann::json::json_pointer("/params/deviceData/connectionType"), "");
+    }
+  }
+  return "(no request)";
+}
+
+std::string requesterFollowsTheKernel() {
+  VNTR_STEP(ipAll({{"link", "set", "lo", "up"}}));
+  test::Harness h({.reachabilitySource = VNTRReachability::Source::kernel});
+  auto& requester = h.runtime->requester();  // also starts the monitor
+  auto& reachability = h.runtime->reachability();
+  const auto fire = [&](const std::string& event) {
+    h.runtime->tagManager().fireEvents({event}, "group", nlohmann::json::object(),
+                                       VNTREventPriority::high, /*startRequester=*/true);
+    h.queue->runUntilIdle();
+  };
+  const auto flagsBecome = [&](uint32_t flags) {
+    return test::waitUntil([&] { return reachability.reachabilityFlags() == flags; }, 5s);
+  };
+  // The timer comes due while offline: it keeps its block (Stale), fire() does nothing.
+  const auto heldWhileOffline = [&](size_t batches) {
+    h.queue->advanceBy(2s);
+    requester.fire();
+    h.queue->advanceBy(30s);
+    return h.transport->batches() == batches && requester.batchTimer()->isValid() &&
+           !requester.isRequesting.load() && h.queue->pending() == 0;
+  };
+  // A reachable report sends the held batch at once; the clock does not move.
+  const auto sentAtOnce = [&](size_t batches, const std::string& event) {
+    if (!test::waitUntil([&] { return h.queue->pending() > 0; }, 5s)) return false;
+    h.queue->runUntilIdle();
+    bool carried = false;
+    for (const auto& member : nlohmann::json::parse(h.transport->bodies().back())) {
+      carried = carried || names(member, event);
+    }
+    return h.transport->batches() == batches && carried && h.storedCount() == 0;
+  };
+
+  CHECK_THAT(reachability.hasMonitor(), "the route monitor did not start");
+  CHECK_THAT(reachability.reachabilityFlags() == 0 && reachability.connectionType() == "none",
+             "only loopback, yet reachable");
+  fire("offline");
+  CHECK_THAT(connectionTypeOf(h, "offline") == "none", "the event stored offline");
+  CHECK_THAT(heldWhileOffline(0), "only loopback: a batch went out or the timer was dropped");
+  VNTR_STEP(ipAll({{"link", "add", "v0", "type", "veth", "peer", "name", "v1"},
+                   {"addr", "add", "10.200.0.1/24", "dev", "v0"},
+                   {"link", "set", "v1", "up"},
+                   {"link", "set", "v0", "up"},
+                   {"route", "add", "default", "via", "10.200.0.2", "dev", "v0"}}));
+  CHECK_THAT(flagsBecome(kReachable) && reachability.connectionType() == "wifi", "route via v0");
+  CHECK_THAT(sentAtOnce(1, "offline"), "route via v0: the held batch did not go at once");
+
+  VNTR_STEP(ipAll({{"link", "add", "wwan0", "type", "veth", "peer", "name", "wwp1"},
+                   {"addr", "add", "10.201.0.1/24", "dev", "wwan0"},
+                   {"link", "set", "wwp1", "up"},
+                   {"link", "set", "wwan0", "up"},
+                   {"route", "del", "default"},
+                   {"route", "add", "default", "via", "10.201.0.2", "dev", "wwan0"}}));
+  CHECK_THAT(flagsBecome(kCellular) && reachability.connectionType() == "carrier", "via wwan0");
+  fire("cellular");
+  CHECK_THAT(connectionTypeOf(h, "cellular") == "carrier", "the event stored on wwan0");
+
+  VNTR_STEP(ipAll({{"route", "del", "default"}}));
+  CHECK_THAT(flagsBecome(0), "the route went, yet still reachable");
+  h.queue->runUntilIdle();  // reports from before the deletion can no longer send anything
+  const size_t sentBefore = h.transport->batches();
+  fire("held");
+  CHECK_THAT(connectionTypeOf(h, "held") == "none", "the event stored after the route went");
+  CHECK_THAT(heldWhileOffline(sentBefore), "route gone: a batch went out or the timer was dropped");
+  VNTR_STEP(ipAll({{"route", "add", "default", "via", "10.201.0.2", "dev", "wwan0"}}));
+  CHECK_THAT(flagsBecome(kCellular), "the route came back, yet unreachable");
+  CHECK_THAT(sentAtOnce(sentBefore + 1, "held"), "route back: the held batch did not go at once");
+  return "";
+}
+
+TEST(NetworkNamespace, kernelRoutesGateTheRequesterAndNameTheConnectionType) {
+  VNTR_RUN_IN_NETWORK_NAMESPACE(requesterFollowsTheKernel);
 }
 
 }  // namespace

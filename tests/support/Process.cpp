@@ -1,10 +1,10 @@
-#include "fault/FaultSupport.hpp"
+#include "support/Process.hpp"
 
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -16,11 +16,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "Runtime.hpp"
 #include "SandboxServer.hpp"
-#include "model/VNTRSyncEvent.hpp"
-#include "store/EventDataManager.hpp"
-#include "support/TestSupport.hpp"
 
 namespace vntr::test {
 
@@ -180,15 +176,6 @@ std::string describeWaitStatus(int status) {
   return "wait status " + std::to_string(status);
 }
 
-// --- files ---
-
-std::string readFile(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 bool hasSanitizerReport(const std::string& text) {
   for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                              "WARNING: ThreadSanitizer", "ThreadSanitizer:", "runtime error:",
@@ -197,22 +184,6 @@ bool hasSanitizerReport(const std::string& text) {
   }
   return false;
 }
-
-void writeSiteID(const fs::path& bundleDirectory) {
-  fs::create_directories(bundleDirectory);
-  std::ofstream(bundleDirectory / "VantrelTagManagerSDKInfo.plist")
-      << R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0"><dict><key>VantrelSiteID</key><string>12345</string></dict></plist>
-)";
-}
-
-HostLayout::HostLayout(fs::path r)
-    : root(std::move(r)),
-      bundle(root / "bundle"),
-      documents(root / "documents"),
-      defaults(root / "config" / "defaults.json"),
-      store(documents / "requests_Data.sqlite") {}
 
 int64_t readReportedCount(const fs::path& reportFile) {
   const std::string text = readFile(reportFile);
@@ -226,62 +197,35 @@ int64_t readReportedCount(const fs::path& reportFile) {
   return largest;
 }
 
-// --- store contents ---
-
-StoreContents readStore(const fs::path& storeFile) {
-  StoreContents contents;
-  std::error_code ec;
-  contents.exists = fs::exists(storeFile, ec);
-  if (!contents.exists) return contents;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(storeFile.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    contents.error = db != nullptr ? sqlite3_errmsg(db) : "cannot open";
-    sqlite3_close_v2(db);
-    return contents;
+bool rerunCurrentTestAs(uid_t uid) {
+  const auto* info = testing::UnitTest::GetInstance()->current_test_info();
+  const std::string filter =
+      std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
+  // The build tree may sit in a directory only its owner can enter (a fresh clone under
+  // mktemp -d or /root): the other user runs a copy of this program from a directory it can reach.
+  TempDir copy;
+  fs::permissions(copy.path(), fs::perms::owner_all | fs::perms::group_read |
+                                   fs::perms::group_exec | fs::perms::others_read |
+                                   fs::perms::others_exec);
+  std::error_code error;
+  fs::copy_file("/proc/self/exe", copy / "tests", error);
+  if (error) {
+    ADD_FAILURE() << "cannot copy the test program for user " << uid << ": " << error.message();
+    return false;
   }
-  sqlite3_busy_timeout(db, 5000);
-  contents.opened = true;
-  sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr) == SQLITE_OK) {
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
-      if (!contents.integrity.empty()) contents.integrity += "\n";
-      contents.integrity += reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-    }
-  } else {
-    contents.error = sqlite3_errmsg(db);
-  }
-  sqlite3_finalize(stmt);
-  stmt = nullptr;
-  // A store killed before it made its table holds no requests.
-  constexpr const char* kSequences =
-      "SELECT json_extract(jsonData, '$.params.eventData.seq') FROM SyncEvent";
-  if (sqlite3_prepare_v2(db, kSequences, -1, &stmt, nullptr) == SQLITE_OK) {
-    int step = SQLITE_ROW;
-    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
-      ++contents.rows;
-      if (sqlite3_column_type(stmt, 0) == SQLITE_INTEGER) {
-        contents.sequences.insert(sqlite3_column_int64(stmt, 0));
-      }
-    }
-    if (step != SQLITE_DONE) contents.error = sqlite3_errmsg(db);
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close_v2(db);
-  return contents;
+  auto options = command({(copy / "tests").string(), filter}, copy / "stderr");
+  options.stdoutFile = copy / "stdout";
+  options.runAs = uid;
+  ChildProcess child(options);
+  const auto status = child.wait(std::chrono::seconds(120));
+  const std::string report = readFile(copy / "stdout") + readFile(copy / "stderr");
+  EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+      << "the run as user " << uid << " " << (status ? describeWaitStatus(*status) : "did not end")
+      << ":\n"
+      << report;
+  EXPECT_NE(report.find("[  PASSED  ] 1 test"), std::string::npos) << report;
+  return true;
 }
-
-std::optional<int64_t> sequenceOf(const json& request) {
-  if (!request.is_object()) return std::nullopt;
-  const json* data = &request;
-  if (const auto params = request.find("params"); params != request.end()) data = &*params;
-  const auto eventData = data->find("eventData");
-  if (eventData == data->end() || !eventData->is_object()) return std::nullopt;
-  const auto seq = eventData->find("seq");
-  if (seq == eventData->end() || !seq->is_number_integer()) return std::nullopt;
-  return seq->get<int64_t>();
-}
-
-// --- EventLedger ---
 
 void EventLedger::attach(sandbox::SandboxServer& server) {
   server.setBatchObserver([this](const json& batch) {
@@ -334,54 +278,6 @@ std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
   }
   return missing;
 }
-
-// --- statistics ---
-
-void CountingDelegate::notifyForStatistic(int64_t statistic, int64_t adjustment) {
-  if (statistic >= 0 && statistic < static_cast<int64_t>(counts_.size())) {
-    counts_[static_cast<size_t>(statistic)].fetch_add(adjustment);
-  }
-}
-
-int64_t CountingDelegate::operator[](VNTRStatistic statistic) const {
-  return counts_[static_cast<size_t>(statistic.rawValue())].load();
-}
-
-int64_t CountingDelegate::finishedBatches() const {
-  return (*this)[VNTRStatistic::responseReceived] + (*this)[VNTRStatistic::requestFailed];
-}
-
-InstalledCounter::InstalledCounter() : delegate_(std::make_shared<CountingDelegate>()) {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
-}
-
-InstalledCounter::~InstalledCounter() {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
-}
-
-QuietLog::QuietLog() {
-  drainMainQueue();
-  VNTRPreferences::sharedPreferences().setLoggingCallback(
-      [](VantrelLogLevel, const std::vector<std::string>&) {});
-}
-
-QuietLog::~QuietLog() {
-  drainMainQueue();
-  VNTRPreferences::sharedPreferences().setLoggingCallback(nullptr);
-}
-
-std::vector<json> storedRequests(Runtime& runtime) {
-  std::vector<json> requests;
-  auto& store = runtime.store();
-  store.performAndWait([&] {
-    for (const auto& event : store.deQueue(0)) {
-      requests.push_back(json::parse(event->jsonData(), nullptr, false));
-    }
-  });
-  return requests;
-}
-
-// --- TLS ---
 
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& dir) {
   std::string openssl;
