@@ -104,8 +104,8 @@ TEST(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt) {
 // Every round starts a host whose own thread keeps firing, and ends its main thread, by
 // returning from main or by calling exit, while the first batch starts the transport, while a
 // batch is in flight, while the batch timer is armed, or at a random moment; every fourth round
-// sends to a TLS server the transport refuses,
-// so OpenSSL is at work when the process ends. The host exits with 0 and no sanitizer report.
+// sends to a TLS server the transport refuses, so OpenSSL is at work when the process ends. The
+// host exits with 0 and no sanitizer report.
 TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequests) {
   TempDir dir;
   EventLedger ledger;
