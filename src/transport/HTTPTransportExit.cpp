@@ -50,7 +50,7 @@ void stopTransportsAtExit() noexcept {
 // memory back at exit anyway); initialised already by the host, it has registered it, and
 // stopTransportsAtExit, registered after it, runs first. Nothing to do when libcurl uses another
 // TLS library (none of them frees anything in an exit handler).
-void registerTlsExitHandler() {
+void holdTlsExitHandler() {
   constexpr uint64_t kOpenSSLInitNoAtExit = 0x00080000;  // OPENSSL_INIT_NO_ATEXIT
   for (const char* name : {"libcrypto.so.3", "libcrypto.so.1.1"}) {
     void* library = ::dlopen(name, RTLD_NOW | RTLD_NOLOAD);
@@ -77,7 +77,7 @@ std::once_flag curlGlobalInitFlag;
 void registerExitHandlers() {
   static std::once_flag registered;
   std::call_once(registered, [] {
-    registerTlsExitHandler();
+    holdTlsExitHandler();
     std::atexit(stopTransportsAtExit);
     // A forked child never uses its parent's transports (their threads stayed behind): exit
     // there must not wait for them. Held across the fork, the mutex is whole in the child.
