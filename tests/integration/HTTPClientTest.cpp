@@ -82,7 +82,6 @@ struct Server {
           });
         }) {}
   ~Server() { released = true; }
-  std::string url(const std::string& path) const { return http.url(path); }
   std::vector<httplib::Request> received() {
     std::scoped_lock lock(mutex);
     return requests;
@@ -121,7 +120,6 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
     double timeout = 10;
   };
   constexpr long kURLError = 9999;
-  const std::string kURLText = "URL could not be formed from string";
   const Case cases[] = {
       {"POST", "/echo", big, 200, big},
       {"POST", "/fail", "{}", 500, "broke"},
@@ -149,7 +147,7 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
     timeout = c.timeout;
-    const std::string url = c.path[0] == '/' ? server.url(c.path) : c.path;
+    const std::string url = c.path[0] == '/' ? server.http.url(c.path) : c.path;
     const Outcome outcome = send(client, c.method, c.body, url);
     EXPECT_EQ(outcome.threadName == "VNTRTransport", c.code != kURLError);
     // Not EXPECT_EQ: a 1.5 MiB diff is no help.
@@ -158,12 +156,13 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
     EXPECT_EQ(outcome.error ? outcome.error->code : 0, c.code);
     if (outcome.error) {
       EXPECT_EQ(outcome.error->domain, c.code == kURLError ? "URL Error" : "CURL");
-      EXPECT_TRUE(c.code != kURLError || outcome.error->localizedDescription == kURLText);
+      EXPECT_TRUE(c.code != kURLError ||
+                  outcome.error->localizedDescription == "URL could not be formed from string");
     }
     ASSERT_EQ(outcome.response.has_value(), c.status != 0);
     if (!outcome.response) continue;
     EXPECT_EQ(outcome.response->statusCode, c.status);
-    EXPECT_EQ(outcome.response->url, server.url(c.path));
+    EXPECT_EQ(outcome.response->url, server.http.url(c.path));
     EXPECT_EQ(outcome.response->retryAfterSeconds,
               c.path == "/moved" ? std::optional(7.0) : std::nullopt);
   }
@@ -175,7 +174,6 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
     EXPECT_TRUE(post || request.body.empty());
     EXPECT_NE(request.body, "[1]");  // the redirected body went nowhere
   }
-  EXPECT_EQ(server.received().front().body.size(), big.size());
 }
 
 TEST(HTTPClient, destructionCompletesUnfinishedTransfersWithAnError) {
@@ -188,22 +186,21 @@ TEST(HTTPClient, destructionCompletesUnfinishedTransfersWithAnError) {
     };
     // Like a requester that fires again on failure: the post made while the client shuts down
     // must still be answered, not lost or left waiting.
-    client.post("{}", server.url("/stall"), [&](auto data, auto response, auto error) {
-      client.post("{}", server.url("/echo"), record);
+    client.post("{}", server.http.url("/stall"), [&](auto data, auto response, auto error) {
+      client.post("{}", server.http.url("/echo"), record);
       record(data, response, error);
     });
     ASSERT_TRUE(waitUntil([&] { return server.received().size() == 1; }));
   }
   ASSERT_EQ(outcomes.size(), 2u);
   for (const auto& outcome : outcomes) {
-    EXPECT_FALSE(outcome.data || outcome.response);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->domain, "CURL");
+    EXPECT_TRUE(!outcome.data && !outcome.response &&
+                outcome.error.value_or(HTTPError{}).domain == "CURL");
   }
   // Destroyed from its own completion: the thread cannot join itself and must still wind down.
   std::atomic<bool> destroyed{false};
   auto* owned = new HTTPClient([] { return 10.0; });
-  owned->post("{}", server.url("/echo"), [&, owned](auto, auto, auto) {
+  owned->post("{}", server.http.url("/echo"), [&, owned](auto, auto, auto) {
     delete owned;
     destroyed = true;
   });
@@ -225,7 +222,7 @@ TEST(HTTPClient, everyPostCompletesExactlyOnceOverSharedConnections) {
     for (int t = 0; t < kThreads; ++t) {
       posters.emplace_back([&, t] {
         for (int id = t * kEach; id < (t + 1) * kEach; ++id) {
-          client.post("[" + std::to_string(id) + "]", server.url("/echo"),
+          client.post("[" + std::to_string(id) + "]", server.http.url("/echo"),
                       [&, id](auto data, auto, auto) {
                         ++calls;
                         std::scoped_lock lock(mutex);

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -42,35 +42,6 @@ const Commands kWwanDefault = {{"link", "add", "wwan0", "type", "veth", "peer", 
                                {"link", "set", "wwan0", "up"},
                                {"route", "add", "default", "via", "10.201.0.2", "dev", "wwan0"}};
 
-/// Every value the monitor reported, in order.
-class Reports {
- public:
-  void record(uint32_t flags) {
-    std::scoped_lock lock(mutex_);
-    seen_.push_back(flags);
-  }
-  size_t count() {
-    std::scoped_lock lock(mutex_);
-    return seen_.size();
-  }
-  /// "" once a report after the first `since` says `flags` and is the latest so far.
-  std::string waitFor(uint32_t flags, size_t since, const std::string& step) {
-    if (test::waitUntil([&] { return count() > since && last() == flags; }, 10s)) return "";
-    std::scoped_lock lock(mutex_);
-    std::string history;
-    for (size_t i = since; i < seen_.size(); ++i) history += " " + std::to_string(seen_[i]);
-    return step + ": expected " + std::to_string(flags) + ", got [" + history + " ]";
-  }
-
- private:
-  uint32_t last() {
-    std::scoped_lock lock(mutex_);
-    return seen_.back();
-  }
-  std::mutex mutex_;
-  std::vector<uint32_t> seen_;
-};
-
 /// Bridges and veths that come and go, and a thousand routes to other networks added and removed,
 /// leave the reachability as it was; then the default route goes.
 std::string writeUnrelatedBurst(const std::filesystem::path& file) {
@@ -95,10 +66,12 @@ std::string monitorFollowsTheKernel() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
   if (startedWithoutSockets) return "start() succeeded without file descriptors";
 
-  Reports reports;
+  std::atomic<size_t> reports{0};
+  std::atomic<uint32_t> last{0};
   bool thrown = false;
   auto monitor = RouteMonitor::start([&](uint32_t flags) {
-    reports.record(flags);
+    last = flags;
+    ++reports;
     // A throwing callback must not end the monitor; later steps still expect reports.
     if (!std::exchange(thrown, true)) throw std::runtime_error("thrown by the test callback");
   });
@@ -134,10 +107,14 @@ std::string monitorFollowsTheKernel() {
       {"multipath default with v0 without carrier", {{"link", "set", "v1", "down"}}, kCellular},
   };
   for (const auto& step : steps) {
-    const size_t since = reports.count();
+    const size_t since = reports;
     VNTR_STEP(ipAll(step.commands));
-    VNTR_STEP(reports.waitFor(step.flags, since, step.what));
-    if (reports.count() != since + 1) return std::string(step.what) + ": reported more than once";
+    if (!test::waitUntil([&] { return reports > since && last == step.flags; }, 10s) ||
+        reports != since + 1) {
+      return std::string(step.what) + ": " + std::to_string(reports - since) +
+             " reports, the last " + std::to_string(last) + ", expected one report of " +
+             std::to_string(step.flags);
+    }
   }
   monitor.reset();  // stops and joins; a hang here ends in the parent's timeout
   return thrown ? "" : "the callback was never called";
