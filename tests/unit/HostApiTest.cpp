@@ -53,13 +53,6 @@ TEST(HostSiteID, isUsedOnlyWhenThePropertyListGivesNoneAndItsLinesStay) {
   }
 }
 
-TEST(HostSiteID, refusesEmptyOrNonUTF8TextWithALogLine) {
-  test::CapturingLog log;
-  EXPECT_FALSE(VNTRTagManager::setSiteID(""));
-  EXPECT_FALSE(VNTRTagManager::setSiteID("\xff"));
-  EXPECT_EQ(log.lines().size(), 2u);
-}
-
 TEST(RequestTimeout, acceptsPositiveFiniteSecondsAndLogsAnythingElse) {
   auto& preferences = VNTRPreferences::sharedPreferences();
   const std::pair<double, bool> cases[] = {{5, true},         {0.25, true},      {1e9, true},
