@@ -15,11 +15,10 @@
 #include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
 #include "facade/TagManagerCore.hpp"
-#include "support/Process.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
-#include "support/Harness.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr::test {
