@@ -100,10 +100,10 @@ struct Server {
 };
 
 // Bodies go out as given (binary, NUL, past curl's 100-continue threshold) and answers come back
-// uninterpreted, whatever their status; a 307 is the answer, not followed. Transport failures,
-// oversized answers (announced or not), a stalled or trickling server give an error without a
-// response; nonsense timeouts fall back to the default. A URL that does not parse fails before
-// the call returns, on the caller's thread.
+// uninterpreted, whatever their status; a 307 is the answer, not followed. Transport failures
+// and oversized answers (announced or not) give an error without a response; a stalled or
+// trickling server ends at the request timeout; nonsense timeouts fall back to the default. A URL
+// that does not parse fails before the call returns, on the caller's thread.
 TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
   Server server;
   std::string big =
