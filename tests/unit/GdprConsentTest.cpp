@@ -211,6 +211,8 @@ TEST(GdprConsent, remoteCheckAnswers) {
   }
 }
 
+// Consent keys written on several threads while the intake reads the decision (ThreadSanitizer
+// watches the defaults, their observers and the consent state).
 TEST(GdprConsent, keyChangesOnSeveralThreadsWhileIntakeReads) {
   Harness h;
   h.store("1", "1", vendors(24, '1'));
@@ -231,6 +233,9 @@ TEST(GdprConsent, keyChangesOnSeveralThreadsWhileIntakeReads) {
   for (auto& writer : writers) writer.join();
   done.store(true);
   reader.join();
+  const UserDefaults reloaded(h.dir / "UserDefaults.json");  // each writer's last value is kept
+  EXPECT_EQ(reloaded.parsedVendorConsents(), vendors(24, '0'));
+  EXPECT_EQ(reloaded.parsedPurposeConsents(), vendors(24, '0'));
   // Decisions racing on two threads may land in either order; the next change settles it.
   h.defaults.setString("IABConsent_ParsedVendorConsents", vendors(24, '1'));
   EXPECT_EQ(h.consent->hasGdprConsentValue(), true);

@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <fstream>
 #include <thread>
@@ -150,34 +149,6 @@ TEST(UserDefaults, observersRunAfterTheWriteOnTheWritersThreadAndMayReadTheStore
   defaults.setString("k", "v");
   EXPECT_EQ(defaults.stringForKey("echo"), "back");
   EXPECT_EQ(log.lines(), Lines{"[Error] A user defaults observer of k failed: boom"});
-}
-
-TEST(UserDefaults, concurrentWritersReadersAndObserversAgree) {
-  TempDir dir;
-  const auto file = dir / "UserDefaults.json";
-  UserDefaults defaults(file);
-  std::atomic<int> notifications{0};
-  defaults.addObserver({"t0", "t1", "t2", "t3"}, [&](const std::string& key) {
-    (void)defaults.stringForKey(key);
-    notifications.fetch_add(1);
-  });
-  constexpr int kWrites = 25;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&defaults, t] {
-      const std::string key = "t" + std::to_string(t);
-      for (int i = 0; i < kWrites; ++i) {
-        defaults.setString(key, std::to_string(i));
-        (void)defaults.objectForKey("t" + std::to_string((t + 1) % 4));
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(notifications.load(), 4 * kWrites);
-  UserDefaults reloaded(file);  // the file holds the last value of every writer
-  for (int t = 0; t < 4; ++t) {
-    EXPECT_EQ(reloaded.stringForKey("t" + std::to_string(t)), std::to_string(kWrites - 1));
-  }
 }
 
 }  // namespace
