@@ -72,8 +72,9 @@ TEST(Lifecycle, flushAndShutdownReportWhatHappened) {
   EXPECT_EQ(readStore(HostLayout(dir / "host").store).rows, 0);
 }
 
-// A host callback (C API, with a context) cleared while the library is busy calling it: once the
-// setter returns the old callback is neither running nor called again, so the context may go.
+// A host callback (C API, with a context) cleared while the library is busy calling it, from
+// outside or from inside the callback: once the setter returns the old callback is neither running
+// nor called again, so the context may go.
 struct Slot {
   std::atomic<bool> retired{false}, cleared{false};
   std::atomic<int64_t> calls{0};
@@ -83,11 +84,7 @@ struct Slot {
 std::atomic<int64_t> lateCalls{0};
 
 void clearCallback(bool isLog) {
-  if (isLog) {
-    vntr_set_logging_callback(nullptr, nullptr);
-  } else {
-    vntr_set_delegate(nullptr, nullptr);
-  }
+  isLog ? vntr_set_logging_callback(nullptr, nullptr) : vntr_set_delegate(nullptr, nullptr);
 }
 
 void touch(void* context) {
@@ -118,9 +115,9 @@ TEST(Lifecycle, aClearedCallbackIsNeverCalledAgain) {
       if (n % 200 == 199) Runtime::shared().store().performAndWait([] {});
     }
   });
-  const int rounds = scaled(40, 12);
   std::vector<std::unique_ptr<Slot>> slots;
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < scaled(40, 12); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
     auto& slot = *slots.emplace_back(std::make_unique<Slot>());
     slot.isLog = round % 2 == 0;
     slot.clearFromInside = round % 4 >= 2;
@@ -129,15 +126,11 @@ TEST(Lifecycle, aClearedCallbackIsNeverCalledAgain) {
     } else {
       vntr_set_delegate([](int64_t, int64_t, void* c) { touch(c); }, &slot);
     }
-    ASSERT_TRUE(waitUntil([&] { return slot.calls > 0; })) << "round " << round;
-    if (slot.clearFromInside) {
-      ASSERT_TRUE(waitUntil([&] { return slot.cleared.load(); }));
-    } else {
-      clearCallback(slot.isLog);
-    }
+    ASSERT_TRUE(waitUntil([&] { return slot.calls > 0; }));
+    if (!slot.clearFromInside) clearCallback(slot.isLog);
+    ASSERT_TRUE(waitUntil([&] { return !slot.clearFromInside || slot.cleared; }));
     slot.retired = true;
-    delete slot.heap;
-    slot.heap = nullptr;
+    delete std::exchange(slot.heap, nullptr);
   }
   firing = false;
   host.join();

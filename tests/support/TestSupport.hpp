@@ -64,8 +64,6 @@ class CapturingLog {
  public:
   explicit CapturingLog(bool keep = true);
   ~CapturingLog();
-  CapturingLog(const CapturingLog&) = delete;
-  CapturingLog& operator=(const CapturingLog&) = delete;
 
   /// Waits until every message submitted so far has been delivered, then returns the lines,
   /// each as "[Level] pieces,joined".
@@ -173,8 +171,6 @@ class LoopbackServer {
   explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes,
                           const SelfSignedCertificate* tls = nullptr);
   ~LoopbackServer();
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
   int port() const { return port_; }
   std::string url(const std::string& path) const;
 
