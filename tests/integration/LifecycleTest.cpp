@@ -162,18 +162,21 @@ TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
   }
 }
 
-// The first call opens nothing itself: it returns while the store queue cannot run at all.
-TEST(Lifecycle, theFirstCallDoesNotWaitForTheStore) {
+// The first call starts nothing itself (no store, requester, route monitor or transport): it
+// returns while neither library queue can run at all.
+TEST(Lifecycle, theFirstCallDoesNotWaitForStartUp) {
   TempDir dir;
   const auto paths = HostLayout(dir.path()).paths();
   writeSiteID(paths.mainBundleDirectory);
   auto defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
   defaults->setString("IABConsent_SubjectToGDPR", "0");
   auto storeQueue = std::make_shared<SerialExecutor>("TestStore");
+  auto mainQueue = std::make_shared<SerialExecutor>("TestMain");
   std::promise<void> release;
-  storeQueue->post([blocked = release.get_future().share()] { blocked.wait(); });
+  const auto blocked = release.get_future().share();
+  for (auto& queue : {storeQueue, mainQueue}) queue->post([blocked] { blocked.wait(); });
   RuntimeOptions options;
-  options.mainQueue = std::make_shared<SerialExecutor>("TestMain");
+  options.mainQueue = mainQueue;
   options.storeQueue = storeQueue;
   options.paths = paths;
   options.facts = std::make_shared<FakeFacts>();
@@ -187,7 +190,7 @@ TEST(Lifecycle, theFirstCallDoesNotWaitForTheStore) {
                                     VNTREventPriority::high, true);
     returned = true;
   });
-  EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for the store";
+  EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for start-up";
   release.set_value();
   host.join();
   int64_t stored = 0;

@@ -95,9 +95,10 @@ TEST(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt) {
 }
 
 // Every round starts a host whose own thread keeps firing, and ends its main thread, by
-// returning from main or by calling exit, while a batch is in flight, while the batch timer is
-// armed, or at a random moment; every fourth round sends to a TLS server the transport refuses,
-// so OpenSSL is at work when the process ends. The host exits with 0 and no sanitizer report.
+// returning from main or by calling exit, while the first batch starts the transport, while a
+// batch is in flight, while the batch timer is armed, or at a random moment; every fourth round
+// sends to a TLS server the transport refuses, so OpenSSL is at work when the process ends. The
+// host exits with 0 and no sanitizer report.
 TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequests) {
   TempDir dir;
   EventLedger ledger;
@@ -109,11 +110,11 @@ TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsReques
     tls = std::make_unique<UntrustedTLSServer>(*certificate);
   }
   std::mt19937 random = seeded();
-  const char* points[] = {"inflight", "timer", "random"};
-  // Six rounds hold each way of ending at each point once; the fourth of them runs over TLS.
-  for (int round = 0; round < scaled(24, 6) && !testing::Test::HasFailure(); ++round) {
+  const char* points[] = {"start", "inflight", "timer", "random"};
+  // Eight rounds hold each way of ending at each point once; two of them run over TLS.
+  for (int round = 0; round < scaled(24, 8) && !testing::Test::HasFailure(); ++round) {
     const std::string how = round % 2 == 0 ? "return" : "exit";
-    const std::string point = points[(round / 2) % 3];
+    const std::string point = points[(round / 2) % 4];
     const bool overTLS = tls && tls->running() && round % 4 == 3;
     SCOPED_TRACE("round " + std::to_string(round) + ": " + how + " at " + point +
                  (overTLS ? " over TLS" : ""));
