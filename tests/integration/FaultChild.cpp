@@ -23,16 +23,11 @@
 //       result as "<call> <result>" (the first eventCreated also calls flush from inside the
 //       delegate). The network is reachable only for "flush". Writes "main returned" to
 //       reportFile as main ends, so the parent sees any callback that came after it.
-//   vntr_fault_child lock <storeFile> <write|exclusive>
-//       Another process holding the store: "write" holds a write transaction, "exclusive" also
-//       switches to the exclusive locking mode (no other connection may even read). Prints
-//       "locked" once it holds the lock and keeps it until its standard input ends.
 //
 // dataDir holds what a host has (the same layout as the tests' HostLayout): "bundle" with the
 // site ID, "documents" for the store, "config/defaults.json" for the user defaults.
 
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vntr/vntr.h>
@@ -40,7 +35,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -108,7 +102,7 @@ Reporter& reporter() {
 }
 
 int usage() {
-  std::cerr << "usage: vntr_fault_child run|exit|fire|lock ... (see the source)\n";
+  std::cerr << "usage: vntr_fault_child run|exit|fork|fire ... (see the source)\n";
   return 2;
 }
 
@@ -321,31 +315,6 @@ int fire(char** argv) {
   return 0;
 }
 
-int lock(char** argv) {
-  const std::string how = argv[3];
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot open " << argv[2] << "\n";
-    return 1;
-  }
-  sqlite3_busy_timeout(db, 5000);
-  if (how == "exclusive" &&
-      sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    return 1;
-  }
-  if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
-    return 1;
-  }
-  std::cout << "locked" << std::endl;
-  char buffer[256];
-  while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-  }
-  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
-  sqlite3_close_v2(db);
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -353,7 +322,6 @@ int main(int argc, char** argv) {
   if (mode == "run" && argc == 8) return run(argv);
   if (mode == "exit" && argc == 9) return exitWhile(argv);
   if (mode == "fork" && argc == 7) return forkHost(argv);
-  if (mode == "lock" && argc == 4) return lock(argv);
   if (mode == "fire" && argc == 7) return fire(argv);
   return usage();
 }

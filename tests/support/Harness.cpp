@@ -173,8 +173,6 @@ LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions o
   }
 }
 
-LiveRuntime::~LiveRuntime() { runtime_.reset(); }
-
 void LiveRuntime::fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
                              const nlohmann::json& eventData) {
   runtime_->tagManager().fireEvents(events, eventGroup, eventData, VNTREventPriority::high, true);

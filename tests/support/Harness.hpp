@@ -124,9 +124,6 @@ struct LiveRuntimeOptions {
 class LiveRuntime {
  public:
   explicit LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options = {});
-  ~LiveRuntime();
-  LiveRuntime(const LiveRuntime&) = delete;
-  LiveRuntime& operator=(const LiveRuntime&) = delete;
 
   /// The intake, exactly as VNTRTagManager::fireEvents runs it for the shared runtime.
   void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <sstream>
 
 #include "SandboxServer.hpp"
@@ -24,8 +23,6 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 std::string faultChildProgram() { return VNTR_FAULT_CHILD; }
-
-// --- ChildProcess ---
 
 namespace {
 
@@ -39,14 +36,20 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& changes
   std::vector<std::string> result;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text(*entry);
-    const std::string name = text.substr(0, text.find('='));
     const bool replaced = std::any_of(changes.begin(), changes.end(), [&](const auto& change) {
-      return change.substr(0, change.find('=')) == name;
+      return change.substr(0, change.find('=')) == text.substr(0, text.find('='));
     });
     if (!replaced) result.push_back(text);
   }
   result.insert(result.end(), changes.begin(), changes.end());
   return result;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (auto& string : strings) pointers.push_back(string.data());
+  pointers.push_back(nullptr);
+  return pointers;
 }
 
 // Between fork and exec only async-signal-safe calls: everything is prepared before the fork.
@@ -62,10 +65,8 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& changes
     for (int fd = 3; fd < 4096; ++fd) ::close(fd);
   }
   if (mask) ::umask(*mask);
-  if (runAs) {
-    if (::setgroups(0, nullptr) != 0 || ::setgid(*runAs) != 0 || ::setuid(*runAs) != 0) {
-      ::_exit(126);
-    }
+  if (runAs && (::setgroups(0, nullptr) != 0 || ::setgid(*runAs) != 0 || ::setuid(*runAs) != 0)) {
+    ::_exit(126);
   }
   ::execve(argv[0], argv, envp);
   ::_exit(127);
@@ -75,87 +76,41 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& changes
 
 ChildProcess::ChildProcess(const Options& options) {
   std::vector<std::string> arguments = options.arguments;
-  std::vector<char*> argv;
-  for (auto& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
   std::vector<std::string> environment = environmentWith(options.environment);
-  std::vector<char*> envp;
-  for (auto& entry : environment) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  int pipeFds[2] = {-1, -1};
-  int in = -1;
-  if (options.pipeStdin) {
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return;
-    in = pipeFds[0];
-  } else {
-    in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  }
+  const auto argv = pointersTo(arguments);
+  const auto envp = pointersTo(environment);
+  const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   const int out = openOutput(options.stdoutFile);
   const int err = openOutput(options.stderrFile);
   if (in >= 0 && out >= 0 && err >= 0) {
     pid_ = ::fork();
-    if (pid_ == 0) {
-      execChild(argv.data(), envp.data(), in, out, err, options.runAs, options.umask);
-    }
+    if (pid_ == 0) execChild(argv.data(), envp.data(), in, out, err, options.runAs, options.umask);
   }
   for (const int fd : {in, out, err}) {
     if (fd >= 0) ::close(fd);
   }
-  if (options.pipeStdin) {
-    if (pid_ > 0) {
-      stdin_ = pipeFds[1];
-    } else {
-      ::close(pipeFds[1]);
-    }
-  }
 }
 
-ChildProcess::~ChildProcess() {
-  closeStdin();
-  if (pid_ > 0 && !status_) kill();
-}
+ChildProcess::~ChildProcess() { kill(); }
 
 void ChildProcess::kill() {
   if (pid_ <= 0 || status_) return;
   ::kill(pid_, SIGKILL);
-  int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  status_ = status;
+  wait(std::chrono::minutes(1));
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return std::nullopt;
-  if (status_) return status_;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
-      status_ = status;
-      return status_;
-    }
-    if (done < 0 && errno != EINTR) return std::nullopt;
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (pid_ > 0 && !status_) {
+    waitUntil(
+        [this] {
+          int status = 0;
+          const pid_t done = ::waitpid(pid_, &status, WNOHANG);
+          if (done == pid_) status_ = status;
+          return done != 0 && !(done < 0 && errno == EINTR);
+        },
+        timeout);
   }
-}
-
-bool ChildProcess::writeStdin(const std::string& text) {
-  if (stdin_ < 0) return false;
-  size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t n = ::write(stdin_, text.data() + written, text.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    written += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-void ChildProcess::closeStdin() {
-  if (stdin_ >= 0) ::close(stdin_);
-  stdin_ = -1;
+  return status_;
 }
 
 ChildProcess::Options command(std::vector<std::string> arguments, fs::path stderrFile) {
@@ -185,13 +140,27 @@ bool hasSanitizerReport(const std::string& text) {
   return false;
 }
 
+std::string Ended::problem() const {
+  if (status < 0) return "did not end:\n" + err;
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && !hasSanitizerReport(err)) return "";
+  return describeWaitStatus(status) + ":\n" + err;
+}
+
+Ended runToEnd(const ChildProcess::Options& options, std::chrono::seconds timeout) {
+  Ended ended;
+  ChildProcess child(options);
+  ended.status = child.wait(timeout).value_or(-1);
+  child.kill();
+  ended.out = readFile(options.stdoutFile);
+  ended.err = readFile(options.stderrFile);
+  return ended;
+}
+
 int64_t readReportedCount(const fs::path& reportFile) {
-  const std::string text = readFile(reportFile);
+  std::istringstream lines(readFile(reportFile));
   int64_t largest = 0;
-  size_t start = 0;
-  for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
-    const std::string line = text.substr(start, end - start);
-    start = end + 1;
+  // A line cut short has no newline: getline reaches the end of the text on it.
+  for (std::string line; std::getline(lines, line) && !lines.eof();) {
     if (!line.empty()) largest = std::max<int64_t>(largest, std::stoll(line));
   }
   return largest;
@@ -216,14 +185,9 @@ bool rerunCurrentTestAs(uid_t uid) {
   auto options = command({(copy / "tests").string(), filter}, copy / "stderr");
   options.stdoutFile = copy / "stdout";
   options.runAs = uid;
-  ChildProcess child(options);
-  const auto status = child.wait(std::chrono::seconds(120));
-  const std::string report = readFile(copy / "stdout") + readFile(copy / "stderr");
-  EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-      << "the run as user " << uid << " " << (status ? describeWaitStatus(*status) : "did not end")
-      << ":\n"
-      << report;
-  EXPECT_NE(report.find("[  PASSED  ] 1 test"), std::string::npos) << report;
+  const Ended ended = runToEnd(options, std::chrono::seconds(120));
+  EXPECT_EQ(ended.problem(), "") << "the run as user " << uid << ":\n" << ended.out;
+  EXPECT_NE(ended.out.find("[  PASSED  ] 1 test"), std::string::npos) << ended.out;
   return true;
 }
 
@@ -233,10 +197,11 @@ void EventLedger::attach(sandbox::SandboxServer& server) {
     // The observer runs before the answer leaves; an answer that never arrives only makes
     // the check weaker, never wrong.
     if (batch.value("delivery", "") != "ok") return;
+    std::scoped_lock lock(mutex_);
     for (const json& member : batch.value("members", json::array())) {
       const std::string answer = member.value("answer", "");
-      if (answer != "result" && answer != "error") continue;
-      if (const auto seq = sequenceOf(member)) addAnswered(*seq);
+      const auto seq = sequenceOf(member);
+      if (seq && (answer == "result" || answer == "error")) answered_.insert(*seq);
     }
   });
 }
@@ -246,95 +211,50 @@ void EventLedger::addSaved(int64_t firstSeq, int64_t count) {
   for (int64_t i = 0; i < count; ++i) saved_.insert(firstSeq + i);
 }
 
-void EventLedger::addAnswered(int64_t seq) {
-  std::scoped_lock lock(mutex_);
-  answered_.insert(seq);
-}
-
 size_t EventLedger::savedCount() const {
   std::scoped_lock lock(mutex_);
   return saved_.size();
 }
 
-size_t EventLedger::answeredCount() const {
-  std::scoped_lock lock(mutex_);
-  return answered_.size();
-}
-
-std::vector<int64_t> EventLedger::owed() const {
-  std::scoped_lock lock(mutex_);
-  std::vector<int64_t> owed;
-  for (const int64_t seq : saved_) {
-    if (answered_.count(seq) == 0) owed.push_back(seq);
-  }
-  return owed;
-}
-
 std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
                                               int64_t firstSeq) const {
+  std::scoped_lock lock(mutex_);
   std::vector<int64_t> missing;
-  for (const int64_t seq : owed()) {
-    if (seq >= firstSeq && contents.sequences.count(seq) == 0) missing.push_back(seq);
+  for (const int64_t seq : saved_) {
+    if (seq >= firstSeq && !answered_.contains(seq) && !contents.sequences.contains(seq)) {
+      missing.push_back(seq);
+    }
   }
   return missing;
 }
 
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& dir) {
-  std::string openssl;
-  const char* path = std::getenv("PATH");
-  std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
-  for (std::string entry; std::getline(directories, entry, ':');) {
-    const fs::path candidate = fs::path(entry) / "openssl";
-    if (!entry.empty() && ::access(candidate.c_str(), X_OK) == 0) {
-      openssl = candidate.string();
-      break;
-    }
-  }
-  if (openssl.empty()) return std::nullopt;
+  const fs::path openssl = "/usr/bin/openssl";  // where Debian's openssl package puts it
+  if (!fs::exists(openssl)) return std::nullopt;
   SelfSignedCertificate files{dir / "cert.pem", dir / "key.pem"};
-  ChildProcess child(
-      command({openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-               "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
-               "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", files.key.string(), "-out",
-               files.certificate.string()},
-              dir / "openssl.log"));
-  const auto status = child.wait(std::chrono::seconds(30));
-  if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) return std::nullopt;
+  const Ended ended =
+      runToEnd(command({openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                        "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost",
+                        "-keyout", files.key.string(), "-out", files.certificate.string()},
+                       dir / "openssl.log"),
+               std::chrono::seconds(30));
+  if (!ended.problem().empty()) return std::nullopt;
   return files;
 }
 
-struct UntrustedTLSServer::Impl {
-  Impl(const SelfSignedCertificate& c) : server(c.certificate.c_str(), c.key.c_str()) {}
-  httplib::SSLServer server;
-  std::thread thread;
-};
-
 UntrustedTLSServer::UntrustedTLSServer(const SelfSignedCertificate& certificate)
-    : impl_(std::make_unique<Impl>(certificate)) {
-  if (!impl_->server.is_valid()) return;
-  impl_->server.Post("/tags", [this](const httplib::Request&, httplib::Response& res) {
-    requests_.fetch_add(1);
-    res.set_content("[]", "application/json");
-  });
-  impl_->server.Get("/gdpr/check/json/current",
-                    [this](const httplib::Request&, httplib::Response& res) {
-                      requests_.fetch_add(1);
-                      res.set_content(R"({"needs_consent":false})", "application/json");
-                    });
-  const int port = impl_->server.bind_to_any_port("127.0.0.1");
-  if (port <= 0) return;
-  impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
-  if (!waitUntil([this] { return impl_->server.is_running(); }, std::chrono::seconds(10))) return;
-  port_ = port;
-}
-
-UntrustedTLSServer::~UntrustedTLSServer() {
-  impl_->server.stop();
-  if (impl_->thread.joinable()) impl_->thread.join();
-}
-
-std::string UntrustedTLSServer::url(const std::string& path) const {
-  return "https://127.0.0.1:" + std::to_string(port_) + path;
-}
+    : server_(
+          [this](httplib::Server& server) {
+            const auto answer = [this](const char* body) {
+              return [this, body](const httplib::Request&, httplib::Response& res) {
+                requests_.fetch_add(1);
+                res.set_content(body, "application/json");
+              };
+            };
+            server.Post("/tags", answer("[]"));
+            server.Get("/gdpr/check/json/current", answer(R"({"needs_consent":false})"));
+          },
+          &certificate) {}
 
 }  // namespace vntr::test

@@ -2,21 +2,6 @@
 
 #include <sys/types.h>
 
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <memory>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-#include <vntr/VNTRPreferences.hpp>
-
 #include "support/TestSupport.hpp"
 
 namespace vntr::sandbox {
@@ -37,7 +22,6 @@ class ChildProcess {
     std::vector<std::string> arguments;  // arguments[0] is the program's path
     std::filesystem::path stdoutFile;    // empty: /dev/null
     std::filesystem::path stderrFile;    // empty: /dev/null
-    bool pipeStdin = false;              // the test writes to the child's standard input
     std::optional<uid_t> runAs;          // user (and group) id to drop to before exec
     std::optional<mode_t> umask;
     /// "NAME=value" entries added to (or replacing those of) the test's environment.
@@ -55,12 +39,9 @@ class ChildProcess {
   void kill();
   /// Waits up to `timeout` for the child to end; its wait status, or nothing on timeout.
   std::optional<int> wait(std::chrono::milliseconds timeout);
-  bool writeStdin(const std::string& text);
-  void closeStdin();
 
  private:
   pid_t pid_ = -1;
-  int stdin_ = -1;
   std::optional<int> status_;
 };
 
@@ -72,6 +53,16 @@ ChildProcess::Options command(std::vector<std::string> arguments,
 
 /// "exited with 0", "exited with 3", "killed by signal 6": for failure messages.
 std::string describeWaitStatus(int status);
+
+/// How a child run to its end went: its wait status (-1: still running at the timeout, then
+/// killed) and what it wrote to its output files.
+struct Ended {
+  int status = -1;
+  std::string out, err;
+  /// "" when it exited with 0 and without a sanitizer report; else how it ended and its stderr.
+  std::string problem() const;
+};
+Ended runToEnd(const ChildProcess::Options& options, std::chrono::seconds timeout);
 
 /// True when `text` holds a report of AddressSanitizer, LeakSanitizer, UndefinedBehaviorSanitizer
 /// or ThreadSanitizer.
@@ -94,13 +85,10 @@ class EventLedger {
   /// Records the answers of `server` from now on (replaces its batch observer).
   void attach(sandbox::SandboxServer& server);
   void addSaved(int64_t firstSeq, int64_t count);
-  void addAnswered(int64_t seq);
   size_t savedCount() const;
-  size_t answeredCount() const;
   int64_t batches() const { return batches_.load(); }
-  /// Saved requests without an answer (in order).
-  std::vector<int64_t> owed() const;
-  /// Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks.
+  /// Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks (with
+  /// an empty `contents`: every one the server still owes an answer).
   std::vector<int64_t> missingFrom(const StoreContents& contents, int64_t firstSeq = 0) const;
 
  private:
@@ -110,10 +98,6 @@ class EventLedger {
   std::atomic<int64_t> batches_{0};
 };
 
-/// A certificate and key made at test time by the openssl program.
-struct SelfSignedCertificate {
-  std::filesystem::path certificate, key;
-};
 /// Nothing when the openssl program is missing or fails.
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const std::filesystem::path& dir);
 
@@ -122,17 +106,14 @@ std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const std::filesy
 class UntrustedTLSServer {
  public:
   explicit UntrustedTLSServer(const SelfSignedCertificate& certificate);
-  ~UntrustedTLSServer();
-  bool running() const { return port_ > 0; }
-  int port() const { return port_; }
-  std::string url(const std::string& path = "/tags") const;
+  bool running() const { return server_.port() > 0; }
+  int port() const { return server_.port(); }
+  std::string url(const std::string& path = "/tags") const { return server_.url(path); }
   int64_t requests() const { return requests_.load(); }
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
-  int port_ = 0;
   std::atomic<int64_t> requests_{0};
+  LoopbackServer server_;  // last: stopped before the counter goes
 };
 
 }  // namespace vntr::test

@@ -197,22 +197,29 @@ InstalledCounter::~InstalledCounter() {
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
-LoopbackServer::LoopbackServer(const std::function<void(httplib::Server&)>& routes)
-    : server_(std::make_unique<httplib::Server>()) {
+LoopbackServer::LoopbackServer(const std::function<void(httplib::Server&)>& routes,
+                               const SelfSignedCertificate* tls) {
+  if (tls != nullptr) {
+    server_ = std::make_unique<httplib::SSLServer>(tls->certificate.c_str(), tls->key.c_str());
+  } else {
+    server_ = std::make_unique<httplib::Server>();
+  }
+  if (!server_->is_valid()) return;
   server_->new_task_queue = [] { return new httplib::ThreadPool(16); };
   routes(*server_);
-  port_ = server_->bind_to_any_port("127.0.0.1");
+  const int port = server_->bind_to_any_port("127.0.0.1");
   thread_ = std::thread([this] { server_->listen_after_bind(); });
-  waitUntil([this] { return server_->is_running(); });
+  if (waitUntil([this] { return server_->is_running(); })) port_ = port;
 }
 
 LoopbackServer::~LoopbackServer() {
   server_->stop();
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
 }
 
 std::string LoopbackServer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
+  const bool tls = dynamic_cast<const httplib::SSLServer*>(server_.get()) != nullptr;
+  return (tls ? "https" : "http") + std::string("://127.0.0.1:") + std::to_string(port_) + path;
 }
 
 }  // namespace vntr::test

@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -27,14 +26,9 @@ namespace vntr::test {
 
 /// True in builds instrumented by a sanitizer; they run several times slower, so the fault
 /// tests scale their rounds down with `scaled`.
+/// (GCC, the project's compiler, names both sanitizers in these macros.)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
 #else
 inline constexpr bool kSanitized = false;
 #endif
@@ -70,8 +64,6 @@ class CapturingLog {
  public:
   explicit CapturingLog(bool keep = true);
   ~CapturingLog();
-  CapturingLog(const CapturingLog&) = delete;
-  CapturingLog& operator=(const CapturingLog&) = delete;
 
   /// Waits until every message submitted so far has been delivered, then returns the lines,
   /// each as "[Level] pieces,joined".
@@ -167,14 +159,18 @@ class InstalledCounter {
   std::shared_ptr<RecordingDelegate> delegate_;
 };
 
-/// An HTTP server on 127.0.0.1 (port picked by the OS) serving on a thread of its own; the
-/// routes are set up by `routes` before it starts.
+/// A certificate and key made at test time by the openssl program.
+struct SelfSignedCertificate {
+  std::filesystem::path certificate, key;
+};
+
+/// An HTTP server (HTTPS with `tls`) on 127.0.0.1, port picked by the OS, serving on a thread of
+/// its own; the routes are set up by `routes` before it starts. Its port is 0 if it could not.
 class LoopbackServer {
  public:
-  explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes);
+  explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes,
+                          const SelfSignedCertificate* tls = nullptr);
   ~LoopbackServer();
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
   int port() const { return port_; }
   std::string url(const std::string& path) const;
 
