@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 // Random unless VNTR_FAULT_SEED repeats a run.
 std::mt19937 seeded() {
   const char* fixed = std::getenv("VNTR_FAULT_SEED");
-  const uint32_t seed = fixed != nullptr ? std::stoul(fixed) : std::random_device{}();
+  const uint32_t seed = fixed != nullptr ? static_cast<uint32_t>(std::stoul(fixed)) : std::random_device{}();
   std::cerr << "VNTR_FAULT_SEED=" << seed << "\n";
   return std::mt19937(seed);
 }
@@ -132,7 +132,9 @@ TEST(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsReques
     EXPECT_EQ(ended.problem(), "");
     expectNothingLost(host, ledger, firstSeq, report, firstSeq);
   }
-  if (tls) EXPECT_EQ(tls->requests(), 0) << "a request got through an untrusted certificate";
+  if (tls) {
+    EXPECT_EQ(tls->requests(), 0) << "a request got through an untrusted certificate";
+  }
   EXPECT_GT(ledger.savedCount(), 0u);
 }
 
@@ -154,7 +156,9 @@ TEST(ProcessFaults, storeAndDefaultsFilesAreTheUsersAloneWhateverTheUmask) {
     ASSERT_EQ(runToEnd(options, 60s).problem(), "");
     for (const std::string suffix : {"", "-wal", "-shm"}) {
       const fs::path file = host.store.string() + suffix;
-      if (fs::exists(file)) EXPECT_EQ(modeOf(file), 0600u) << file;
+      if (fs::exists(file)) {
+        EXPECT_EQ(modeOf(file), 0600u) << file;
+      }
     }
     EXPECT_EQ(modeOf(host.defaults), 0600u);
     EXPECT_EQ(modeOf(host.documents) & 077, 0u);

@@ -80,8 +80,8 @@ TEST_F(Processes, aQueueSharedByProcessesSendsEachRequestOnceThoughOneIsKilledMi
       return runToEnd(hostProgram("run", firstSeq, {"300", "100"}), 120s);
     }));
   }
-  for (auto& host : hosts) {
-    const Ended ended = host.get();
+  for (auto& running : hosts) {
+    const Ended ended = running.get();
     EXPECT_EQ(ended.problem(), "");
     for (const char* error : {"UNIQUE constraint", "Saving event queue failed"}) {
       EXPECT_EQ(ended.err.find(error), std::string::npos) << ended.err;
