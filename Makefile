@@ -45,7 +45,7 @@ coverage: deps
 	@cmake --preset coverage >/dev/null
 	@cmake --build --preset coverage -j $(JOBS)
 	@find build/coverage -name '*.gcda' -delete
-	ctest --preset coverage -j $(JOBS)
+	ctest --preset coverage -j $(TEST_JOBS)
 	@mkdir -p build/coverage/report
 	gcovr -r . --gcov-ignore-parse-errors --filter 'src/' -j $(JOBS) --print-summary \
 	  --html-details build/coverage/report/index.html build/coverage

@@ -134,7 +134,8 @@ std::shared_ptr<UserDefaults> standardUserDefaults() {
 }  // namespace
 
 Runtime::Runtime(RuntimeOptions options)
-    : ownerPid_(::getpid()),
+    : liveness_(std::make_shared<Liveness>()),
+      ownerPid_(::getpid()),
       mainQueue_(options.mainQueue ? std::move(options.mainQueue) : processMainQueue()),
       storeQueue_(options.storeQueue ? std::move(options.storeQueue)
                                      : std::make_shared<SerialExecutor>("VNTRStore")),
@@ -151,6 +152,7 @@ Runtime::Runtime(RuntimeOptions options)
       consentCheckURL_(std::move(options.consentCheckURL)),
       retryBackoff_(std::move(options.retryBackoff)),
       hostSiteID_(std::move(options.siteID)) {
+  liveness_->runtime = this;
   if (!retryBackoff_) {
     retryBackoff_ = [] { return VNTRPreferences::sharedPreferences().retryBackoff(); };
   }
@@ -164,6 +166,10 @@ Runtime::Runtime(RuntimeOptions options)
 }
 
 Runtime::~Runtime() {
+  {
+    std::scoped_lock lock(liveness_->mutex);  // waits for a requester start-up in progress
+    liveness_->runtime = nullptr;
+  }
   // Threads first, in the order that keeps their callbacks' targets alive. Route changes go
   // first: their hook reaches the requester (and may create it), so it must not run while
   // anything is being destroyed. Then the consent check and batch replies (transport), then
@@ -295,6 +301,21 @@ VNTRRequester& Runtime::requester() {
     createdRequester_.store(requester_.get());
   });
   return *requester_;
+}
+
+void Runtime::fireRequester(bool now) {
+  const auto fire = [now](VNTRRequester& sender) { now ? sender.fireNow() : sender.fire(); };
+  if (auto* sender = createdRequester_.load()) {
+    fire(*sender);
+    return;
+  }
+  // Made on the store queue, behind the store's opening (no batch could go before it anyway):
+  // the host's thread starts no thread but the store's.
+  storeQueue_->post([liveness = liveness_, fire] {
+    std::scoped_lock lock(liveness->mutex);
+    auto* runtime = liveness->runtime;
+    if (runtime != nullptr && !runtime->isShutDown()) fire(runtime->requester());
+  });
 }
 
 TagManagerCore& Runtime::tagManager() {

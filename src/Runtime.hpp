@@ -95,6 +95,10 @@ class Runtime {
   VNTREventFilter& filter();
   VNTRReachability& reachability();
   VNTRRequester& requester();
+  /// Asks for a batch: the requester's `fireNow` when `now`, else its `fire`. Until the requester
+  /// exists it is made on the store queue, so a host's first event waits neither for the route
+  /// monitor's first read nor for anything else the requester needs. Any thread.
+  void fireRequester(bool now);
   TagManagerCore& tagManager();
   HTTPClientProtocol& httpClient() { return *httpClient_; }
   const HTTPGet& consentGet() const { return consentGet_; }
@@ -132,7 +136,15 @@ class Runtime {
   void stopThreads(std::chrono::steady_clock::time_point deadline);
   void noteBatchEnded();
 
+  // Shared with the requester's start-ups queued on the store queue, which may run when the
+  // runtime is gone: the destructor clears `runtime` under the mutex.
+  struct Liveness {
+    std::mutex mutex;
+    Runtime* runtime = nullptr;  // guarded by mutex
+  };
+
   bool processWide_ = false;  // set once by shared(), before the runtime is published
+  std::shared_ptr<Liveness> liveness_;
   // The process whose threads these are. A child forked from it inherits the runtime without
   // its threads: waiting on them there would only run into the timeout.
   std::atomic<pid_t> ownerPid_;

@@ -32,6 +32,14 @@ struct SerialExecutor::Waiter {
   std::exception_ptr error;
 };
 
+void runInBackground() {
+  // A batch thread never preempts a thread it wakes: work handed to a library thread waits for
+  // the host's thread to give up the CPU rather than taking it from the call that handed it over.
+  // It still gets its fair share of the CPU.
+  const sched_param none{};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+}
+
 void runGuarded(const Executor::Task& task) {
   try {
     task();
@@ -45,34 +53,50 @@ void runGuarded(const Executor::Task& task) {
   }
 }
 
-SerialExecutor::SerialExecutor(std::string threadName) : state_(std::make_shared<State>()) {
-  thread_ = std::thread([state = state_, name = std::move(threadName)] {
-    // Whichever way the thread ends, waiters from now on run the queue themselves.
-    struct Ending {
-      State& state;
-      ~Ending() {
-        state.runner.store({});
-        {
-          std::scoped_lock lock(state.mutex);
-          state.threadEnded = true;
-        }
-        state.changed.notify_all();
-      }
-    } ending{*state};
-    // Linux limits thread names to 15 characters.
-    pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
-    state->runner.store(std::this_thread::get_id());
-    for (;;) {
-      try {
-        state->context.run();
-        return;
-      } catch (abi::__forced_unwind&) {
-        throw;
-      } catch (...) {
-        // runGuarded catches task exceptions; anything else is Asio's own and is survived.
-      }
+SerialExecutor::SerialExecutor(std::string threadName)
+    : state_(std::make_shared<State>()), threadName_(std::move(threadName)) {}
+
+void SerialExecutor::startThread() {
+  std::call_once(threadStarted_, [this] {
+    try {
+      thread_ = std::thread([state = state_, name = threadName_] { run(*state, name); });
+    } catch (const std::system_error&) {
+      noteThreadEnded(*state_);  // waiters run the queue themselves
     }
   });
+}
+
+void SerialExecutor::run(State& state, const std::string& name) {
+  // Whichever way the thread ends, waiters from now on run the queue themselves.
+  struct Ending {
+    State& state;
+    ~Ending() {
+      state.runner.store({});
+      noteThreadEnded(state);
+    }
+  } ending{state};
+  // Linux limits thread names to 15 characters.
+  pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+  runInBackground();
+  state.runner.store(std::this_thread::get_id());
+  for (;;) {
+    try {
+      state.context.run();
+      return;
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      // runGuarded catches task exceptions; anything else is Asio's own and is survived.
+    }
+  }
+}
+
+void SerialExecutor::noteThreadEnded(State& state) {
+  {
+    std::scoped_lock lock(state.mutex);
+    state.threadEnded = true;
+  }
+  state.changed.notify_all();
 }
 
 SerialExecutor::~SerialExecutor() {
@@ -86,6 +110,8 @@ SerialExecutor::~SerialExecutor() {
 }
 
 void SerialExecutor::stop() {
+  // A queue that never had a thread gets none.
+  std::call_once(threadStarted_, [this] { noteThreadEnded(*state_); });
   state_->guard.reset();
   state_->context.stop();
   if (isCurrent()) return;  // stopped from its own task: the thread ends once that task returns
@@ -97,6 +123,7 @@ void SerialExecutor::stop() {
 }
 
 void SerialExecutor::post(Task task) {
+  startThread();
   asio::post(state_->context, [task = std::move(task)] {
     const forkgate::Task gate;
     runGuarded(task);
@@ -104,6 +131,7 @@ void SerialExecutor::post(Task task) {
 }
 
 void SerialExecutor::postAfter(std::chrono::nanoseconds delay, Task task) {
+  startThread();
   auto timer = std::make_shared<asio::steady_timer>(state_->context);
   timer->expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(delay));
   timer->async_wait([timer, task = std::move(task)](const std::error_code& ec) {
@@ -118,6 +146,7 @@ void SerialExecutor::performAndWait(const Task& task) {
     task();
     return;
   }
+  startThread();
   auto waiter = std::make_shared<Waiter>();
   // `task` is borrowed: this call returns only after the task ran or was dropped with its
   // thread, so the reference never outlives it.
@@ -146,6 +175,7 @@ bool SerialExecutor::performAndWaitUntil(std::chrono::steady_clock::time_point d
     runGuarded(task);
     return true;
   }
+  startThread();
   auto waiter = std::make_shared<Waiter>();
   asio::post(state_->context, [state = state_, waiter, task = std::move(task)] {
     const forkgate::Task gate;

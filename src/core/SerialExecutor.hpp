@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vntr/Executor.hpp>
@@ -17,7 +18,8 @@ namespace vntr {
 /// on it (`performAndWait`, `performAndWaitUntil`) runs the queued tasks itself, one caller at a
 /// time, so waiting never hangs and nothing queued is lost. Destroying the executor stops the
 /// thread after the task in progress; tasks not yet run are dropped. Process-wide instances are
-/// never destroyed.
+/// never destroyed. The thread is made by the first task queued, so a queue nobody uses costs no
+/// thread, and whoever makes the executor does not pay for one.
 class SerialExecutor final : public Executor {
  public:
   explicit SerialExecutor(std::string threadName);
@@ -42,12 +44,21 @@ class SerialExecutor final : public Executor {
  private:
   struct State;
   struct Waiter;
+  void startThread();
+  static void run(State& state, const std::string& name);
+  static void noteThreadEnded(State& state);
   bool waitFor(Waiter& waiter, std::chrono::steady_clock::time_point deadline);
   void runOrphanedTasks();
 
   std::shared_ptr<State> state_;
-  std::thread thread_;
+  const std::string threadName_;
+  // Decides once whether the thread is made: at the first task, or never once stopped.
+  std::once_flag threadStarted_;
+  std::thread thread_;  // written only under threadStarted_
 };
+
+/// Puts the calling library thread in the batch scheduling class (see SerialExecutor.cpp).
+void runInBackground();
 
 /// Runs `task`, catching and logging whatever it throws, except a forced unwind (the host ending
 /// the thread), which goes on. Used by every library thread.

@@ -11,7 +11,6 @@
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "model/VNTRSyncEvent.hpp"
-#include "transport/VNTRRequester.hpp"
 
 namespace vntr {
 
@@ -151,13 +150,7 @@ void TagManagerCore::fireEvents(const std::vector<std::string>& events,
   }
   VNTRSyncEvent::createEvent(runtime_.syncEventEnvironment(), events, eventGroup, eventData,
                              priority);
-  if (!startRequester) return;
-  auto& requester = runtime_.requester();
-  if (filter.wantsImmediateSend(events)) {
-    requester.fireNow();
-  } else {
-    requester.fire();
-  }
+  if (startRequester) runtime_.fireRequester(filter.wantsImmediateSend(events));
 }
 
 }  // namespace vntr

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -17,9 +18,14 @@ namespace vntr {
 /// `post` and `get` may be called on any thread and return at once. Completions run on the
 /// transport thread, one at a time, exactly once per call; a completion that throws is logged
 /// and the thread carries on. A slow completion delays every other transfer, so hand heavy work
-/// to another queue. The one exception is a URL string that does not parse: its completion runs
-/// synchronously on the caller's thread before the call returns, with
-/// HTTPError{"URL Error", 9999, "URL could not be formed from string"}.
+/// to another queue. The exceptions run synchronously on the caller's thread before the call
+/// returns: a URL string that does not parse (HTTPError{"URL Error", 9999, "URL could not be
+/// formed from string"}), and a request to a client that has stopped or whose libcurl could not
+/// start.
+///
+/// The thread starts with the first request and initialises libcurl and the TLS library itself
+/// (a few milliseconds no caller waits for); requests made meanwhile wait in the queue. A fork
+/// waits for that start-up like for any library task, and exit for it as for a transfer.
 ///
 /// Certificates are always verified; only http and https are spoken; redirects are not followed
 /// (a 3xx arrives like any other response, its body as the reply); no cookies are kept and
@@ -63,10 +69,13 @@ class HTTPClient final : public HTTPClientProtocol {
   struct State;  // shared with the transport thread, which keeps it until it has shut down
 
   void submit(bool isPost, std::string body, const std::string& url, HTTPCompletion completion);
+  void startThread();
 
   std::function<double()> requestTimeout_;  // immutable after construction
   std::shared_ptr<State> state_;
-  std::thread thread_;
+  // Decides once whether the thread is made: at the first request, or never once stopped.
+  std::once_flag threadStarted_;
+  std::thread thread_;  // written only under threadStarted_
 };
 
 }  // namespace vntr

@@ -1,25 +1,15 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <vntr/vntr.h>
 
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <string>
-#include <thread>
-#include <vector>
-#include <vntr/UserDefaults.hpp>
-#include <vntr/VNTRPreferences.hpp>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
 #include "facade/TagManagerCore.hpp"
-#include "fault/FaultSupport.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
-#include "support/LiveRuntime.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr::test {
@@ -28,26 +18,17 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-struct Ended {
-  std::string stdoutText, stderrText, report;
-  int status = -1;
-};
-
-// Runs the fault child's "fire" mode in a fresh host directory.
+// Runs the fault child's "fire" mode in a fresh host directory; `report` receives what it wrote
+// to its report file.
 Ended runFireChild(const fs::path& root, const std::string& serverURL, int64_t count,
-                   const std::string& how) {
-  const HostLayout host(root);
-  writeSiteID(host.bundle);
-  auto options = command({faultChildProgram(), "fire", host.root.string(), serverURL,
+                   const std::string& how, std::string& report) {
+  writeSiteID(root / "bundle");
+  auto options = command({faultChildProgram(), "fire", root.string(), serverURL,
                           (root / "report").string(), std::to_string(count), how},
                          root / "stderr");
   options.stdoutFile = root / "stdout";
-  ChildProcess child(options);
-  Ended ended;
-  if (const auto status = child.wait(120s)) ended.status = *status;
-  ended.stdoutText = readFile(root / "stdout");
-  ended.stderrText = readFile(root / "stderr");
-  ended.report = readFile(root / "report");
+  const Ended ended = runToEnd(options, 120s);
+  report = readFile(root / "report");
   return ended;
 }
 
@@ -55,25 +36,18 @@ Ended runFireChild(const fs::path& root, const std::string& serverURL, int64_t c
 // in its store, and none of its callbacks runs after main has ended.
 TEST(Lifecycle, everyCallAcceptedBeforeExitIsStoredAndNoCallbackRunsAfterMain) {
   TempDir dir;
-  const int rounds = scaled(3, 1);
   int runs = 0;
   for (const int64_t count : {1, 10, 2000}) {
     for (const std::string how : {"return", "exit"}) {
-      for (int round = 0; round < rounds; ++round, ++runs) {
+      for (int round = 0; round < scaled(3, 1); ++round, ++runs) {
         SCOPED_TRACE(std::to_string(count) + " then " + how + ", round " + std::to_string(round));
         const fs::path root = dir / ("host-" + std::to_string(runs));
-        const Ended ended = runFireChild(root, "http://127.0.0.1:9/tags", count, how);
-        ASSERT_TRUE(WIFEXITED(ended.status) && WEXITSTATUS(ended.status) == 0)
-            << describeWaitStatus(ended.status) << "\n"
-            << ended.stderrText;
-        EXPECT_FALSE(hasSanitizerReport(ended.stderrText)) << ended.stderrText;
+        std::string report;
+        ASSERT_EQ(runFireChild(root, "http://127.0.0.1:9/tags", count, how, report).problem(), "");
         const StoreContents contents = readStore(HostLayout(root).store);
-        ASSERT_TRUE(contents.opened) << contents.error;
-        EXPECT_EQ(contents.rows, count);
+        EXPECT_EQ(contents.rows, count) << contents.error;
         EXPECT_EQ(contents.sequences.size(), static_cast<size_t>(count));
-        const auto marker = ended.report.find("main returned\n");
-        ASSERT_NE(marker, std::string::npos);
-        EXPECT_EQ(marker + 14, ended.report.size()) << "a callback ran after main returned";
+        EXPECT_TRUE(report.ends_with("main returned\n")) << "a callback ran after main returned";
       }
     }
   }
@@ -83,28 +57,25 @@ TEST(Lifecycle, everyCallAcceptedBeforeExitIsStoredAndNoCallbackRunsAfterMain) {
 // flushes and every later call, C or C++, is refused.
 TEST(Lifecycle, flushAndShutdownReportWhatHappened) {
   TempDir dir;
-  sandbox::SandboxConfig config;
-  config.batchIntervalMs = 100;
-  sandbox::SandboxServer server(config);
+  sandbox::SandboxServer server(sandboxConfig(100));
   ASSERT_TRUE(server.start());
-  const Ended ended = runFireChild(dir / "host", server.tagsURL(), 200, "flush");
-  ASSERT_TRUE(WIFEXITED(ended.status) && WEXITSTATUS(ended.status) == 0)
-      << describeWaitStatus(ended.status) << "\n"
-      << ended.stderrText;
-  EXPECT_EQ(ended.stdoutText,
+  std::string report;
+  const Ended ended = runFireChild(dir / "host", server.tagsURL(), 200, "flush", report);
+  ASSERT_EQ(ended.problem(), "");
+  EXPECT_EQ(ended.out,
             "flush 1\n"
             "callback-flush 0 1\n"
             "shutdown 1\n"
             "vntr_fire_events 3\n"
             "vntr_flush 3\n"
             "vntr_shutdown 3\n");
-  EXPECT_NE(ended.stderrText.find("has been shut down.  The call is refused."), std::string::npos);
-  EXPECT_FALSE(hasSanitizerReport(ended.stderrText)) << ended.stderrText;
+  EXPECT_NE(ended.err.find("has been shut down.  The call is refused."), std::string::npos);
   EXPECT_EQ(readStore(HostLayout(dir / "host").store).rows, 0);
 }
 
-// A host callback (C API, with a context) cleared while the library is busy calling it: once the
-// setter returns the old callback is neither running nor called again, so the context may go.
+// A host callback (C API, with a context) cleared while the library is busy calling it, from
+// outside or from inside the callback: once the setter returns the old callback is neither running
+// nor called again, so the context may go.
 struct Slot {
   std::atomic<bool> retired{false}, cleared{false};
   std::atomic<int64_t> calls{0};
@@ -114,11 +85,7 @@ struct Slot {
 std::atomic<int64_t> lateCalls{0};
 
 void clearCallback(bool isLog) {
-  if (isLog) {
-    vntr_set_logging_callback(nullptr, nullptr);
-  } else {
-    vntr_set_delegate(nullptr, nullptr);
-  }
+  isLog ? vntr_set_logging_callback(nullptr, nullptr) : vntr_set_delegate(nullptr, nullptr);
 }
 
 void touch(void* context) {
@@ -149,9 +116,9 @@ TEST(Lifecycle, aClearedCallbackIsNeverCalledAgain) {
       if (n % 200 == 199) Runtime::shared().store().performAndWait([] {});
     }
   });
-  const int rounds = scaled(40, 12);
   std::vector<std::unique_ptr<Slot>> slots;
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < scaled(40, 12); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
     auto& slot = *slots.emplace_back(std::make_unique<Slot>());
     slot.isLog = round % 2 == 0;
     slot.clearFromInside = round % 4 >= 2;
@@ -160,15 +127,11 @@ TEST(Lifecycle, aClearedCallbackIsNeverCalledAgain) {
     } else {
       vntr_set_delegate([](int64_t, int64_t, void* c) { touch(c); }, &slot);
     }
-    ASSERT_TRUE(waitUntil([&] { return slot.calls > 0; })) << "round " << round;
-    if (slot.clearFromInside) {
-      ASSERT_TRUE(waitUntil([&] { return slot.cleared.load(); }));
-    } else {
-      clearCallback(slot.isLog);
-    }
+    ASSERT_TRUE(waitUntil([&] { return slot.calls > 0; }));
+    if (!slot.clearFromInside) clearCallback(slot.isLog);
+    ASSERT_TRUE(waitUntil([&] { return !slot.clearFromInside || slot.cleared; }));
     slot.retired = true;
-    delete slot.heap;
-    slot.heap = nullptr;
+    delete std::exchange(slot.heap, nullptr);
   }
   firing = false;
   host.join();
@@ -195,30 +158,26 @@ TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
       options.environment.push_back(std::string("LD_PRELOAD=") + VNTR_SANITIZER_RUNTIME);
       options.environment.push_back("ASAN_OPTIONS=detect_leaks=0");
     }
-    ChildProcess child(options);
-    const auto status = child.wait(60s);
-    ASSERT_TRUE(status.has_value());
-    const std::string log = readFile(dir / "stderr");
-    ASSERT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
-        << describeWaitStatus(*status) << "\n"
-        << log;
-    EXPECT_FALSE(hasSanitizerReport(log)) << log;
+    ASSERT_EQ(runToEnd(options, 60s).problem(), "");
     EXPECT_EQ(readStore(HostLayout(dir.path()).store).rows, 20);
   }
 }
 
-// The first call opens nothing itself: it returns while the store queue cannot run at all.
-TEST(Lifecycle, theFirstCallDoesNotWaitForTheStore) {
+// The first call starts nothing itself (no store, requester, route monitor or transport): it
+// returns while neither library queue can run at all.
+TEST(Lifecycle, theFirstCallDoesNotWaitForStartUp) {
   TempDir dir;
-  const auto paths = LiveRuntime::pathsUnder(dir.path());
+  const auto paths = HostLayout(dir.path()).paths();
   writeSiteID(paths.mainBundleDirectory);
   auto defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
   defaults->setString("IABConsent_SubjectToGDPR", "0");
   auto storeQueue = std::make_shared<SerialExecutor>("TestStore");
+  auto mainQueue = std::make_shared<SerialExecutor>("TestMain");
   std::promise<void> release;
-  storeQueue->post([blocked = release.get_future().share()] { blocked.wait(); });
+  const auto blocked = release.get_future().share();
+  for (auto& queue : {storeQueue, mainQueue}) queue->post([blocked] { blocked.wait(); });
   RuntimeOptions options;
-  options.mainQueue = std::make_shared<SerialExecutor>("TestMain");
+  options.mainQueue = mainQueue;
   options.storeQueue = storeQueue;
   options.paths = paths;
   options.facts = std::make_shared<FakeFacts>();
@@ -232,7 +191,7 @@ TEST(Lifecycle, theFirstCallDoesNotWaitForTheStore) {
                                     VNTREventPriority::high, true);
     returned = true;
   });
-  EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for the store";
+  EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for start-up";
   release.set_value();
   host.join();
   int64_t stored = 0;

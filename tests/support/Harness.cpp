@@ -1,11 +1,14 @@
 #include "support/Harness.hpp"
 
-#include <fstream>
-
-#include "model/VNTRSyncEvent.hpp"
-#include "store/EventDataManager.hpp"
+#include "core/SerialExecutor.hpp"
+#include "facade/TagManagerCore.hpp"
+#include "transport/VNTRRequester.hpp"
 
 namespace vntr::test {
+
+namespace {
+const HTTPError kOffline{"CURL", 7, "Couldn't connect to server"};
+}
 
 void RecordingTransport::post(std::string body, const std::string& url, HTTPCompletion completion) {
   {
@@ -20,7 +23,7 @@ void RecordingTransport::post(std::string body, const std::string& url, HTTPComp
       completion(std::string("[]"), HTTPURLResponse{url, 200}, std::nullopt);
       break;
     case Mode::fail:
-      completion(std::nullopt, std::nullopt, HTTPError{"CURL", 7, "Couldn't connect to server"});
+      completion(std::nullopt, std::nullopt, kOffline);
       break;
     case Mode::hold: {
       std::scoped_lock lock(mutex_);
@@ -38,7 +41,7 @@ void RecordingTransport::releaseHeld(bool fail) {
   }
   for (auto& [body, completion] : held) {
     if (fail) {
-      completion(std::nullopt, std::nullopt, HTTPError{"CURL", 7, "Couldn't connect to server"});
+      completion(std::nullopt, std::nullopt, kOffline);
     } else {
       mock.post(body, "http://127.0.0.1/tags", completion);
     }
@@ -65,64 +68,27 @@ size_t RecordingTransport::batches() const {
   return bodies_.size();
 }
 
-void RecordingDelegate::notifyForStatistic(int64_t statistic, int64_t adjustment) {
-  std::scoped_lock lock(mutex_);
-  calls_.emplace_back(statistic, adjustment);
-}
-
-std::vector<int64_t> RecordingDelegate::statistics() const {
-  std::scoped_lock lock(mutex_);
-  std::vector<int64_t> values;
-  for (const auto& call : calls_) values.push_back(call.first);
-  return values;
-}
-
-int64_t RecordingDelegate::total(int64_t statistic) const {
-  std::scoped_lock lock(mutex_);
-  int64_t sum = 0;
-  for (const auto& [s, adjustment] : calls_) {
-    if (s == statistic) sum += adjustment;
-  }
-  return sum;
-}
-
-void RecordingDelegate::clear() {
-  std::scoped_lock lock(mutex_);
-  calls_.clear();
-}
-
-namespace {
-void writeSiteIdPlist(const std::filesystem::path& directory) {
-  std::filesystem::create_directories(directory);
-  std::ofstream(directory / "VantrelTagManagerSDKInfo.plist")
-      << R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0"><dict><key>VantrelSiteID</key><string>12345</string></dict></plist>
-)";
-}
-}  // namespace
-
 Harness::Harness(HarnessOptions options)
-    : queue(std::make_shared<ManualExecutor>()),
+    : layout(options.root.empty() ? dir.path() : options.root),
+      queue(std::make_shared<ManualExecutor>()),
       transport(std::make_shared<RecordingTransport>()),
       delegate(std::make_shared<RecordingDelegate>()),
       facts(std::make_shared<FakeFacts>()) {
-  ProcessPaths paths{dir / "bundle", dir / "documents", dir / "config" / "defaults.json"};
-  std::filesystem::create_directories(paths.mainBundleDirectory);
-  std::filesystem::create_directories(paths.documentsDirectory);
-  if (options.siteId) writeSiteIdPlist(paths.mainBundleDirectory);
-  defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
+  std::filesystem::create_directories(layout.bundle);
+  std::filesystem::create_directories(layout.documents);
+  if (options.siteId) writeSiteID(layout.bundle);
+  defaults = std::make_shared<UserDefaults>(layout.defaults);
   if (options.consent) defaults->setString("IABConsent_SubjectToGDPR", "0");
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
   RuntimeOptions runtimeOptions;
   runtimeOptions.mainQueue = queue;
   runtimeOptions.storeQueue = queue;
   runtimeOptions.clock = queue->sharedClock();
-  runtimeOptions.paths = paths;
+  runtimeOptions.paths = layout.paths();
   runtimeOptions.facts = facts;
   runtimeOptions.httpClient = transport;
   runtimeOptions.consentGet = [](const std::string&, HTTPCompletion completion) {
-    completion(std::nullopt, std::nullopt, HTTPError{"CURL", 7, "offline in tests"});
+    completion(std::nullopt, std::nullopt, kOffline);
   };
   runtimeOptions.userDefaults = defaults;
   runtimeOptions.reachabilitySource = options.reachabilitySource;
@@ -146,7 +112,29 @@ void Harness::storeEvents(int n, const std::string& prefix) {
   }
 }
 
+void Harness::fire(int n) {
+  for (int i = 0; i < n; ++i) {
+    runtime->tagManager().fireEvents({"fault"}, "storage", {{"seq", nextSeq++}},
+                                     VNTREventPriority::high, /*startRequester=*/false);
+    queue->runUntilIdle();
+  }
+}
+
+void Harness::sendBatch() {
+  runtime->requester().fireNow();
+  queue->runUntilIdle();
+}
+
+// The store is made at first use and opens on its queue.
+EventDataManager::StoreKind Harness::storeKind() {
+  auto& store = runtime->store();
+  queue->runUntilIdle();
+  return store.kind();
+}
+
 int64_t Harness::storedCount() {
+  runtime->store();
+  queue->runUntilIdle();
   int64_t n = 0;
   runtime->store().performAndWait([&] { n = runtime->store().count(); });
   return n;
@@ -155,9 +143,57 @@ int64_t Harness::storedCount() {
 std::vector<std::string> Harness::storedIds() {
   std::vector<std::string> ids;
   runtime->store().performAndWait([&] {
-    for (const auto& event : runtime->store().deQueue(1'000'000)) ids.push_back(event->id());
+    for (const auto& event : runtime->store().deQueue(0)) ids.push_back(event->id());
   });
   return ids;
+}
+
+LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options) {
+  const HostLayout layout(root);
+  if (options.siteId) writeSiteID(layout.bundle);
+  defaults_ = std::make_shared<UserDefaults>(layout.defaults);
+  if (options.notSubjectToGdpr) defaults_->setString("IABConsent_SubjectToGDPR", "0");
+
+  RuntimeOptions runtimeOptions;
+  runtimeOptions.mainQueue = std::make_shared<SerialExecutor>("TestMain");
+  runtimeOptions.storeQueue = std::make_shared<SerialExecutor>("TestStore");
+  runtimeOptions.paths = layout.paths();
+  runtimeOptions.facts = std::make_shared<FakeFacts>();
+  runtimeOptions.userDefaults = defaults_;
+  runtimeOptions.reachabilitySource = VNTRReachability::Source::host;
+  runtimeOptions.initialReachabilityFlags = VNTRReachability::kReachable;
+  runtimeOptions.consentCheckURL = options.consentCheckURL;
+  runtime_ = std::make_unique<Runtime>(std::move(runtimeOptions));
+
+  // Made now rather than by the first event, so the pacing is in place before anything fires.
+  auto& requester = runtime_->requester();
+  if (options.batchIntervalMs) requester.setBatchInterval(*options.batchIntervalMs);
+  if (options.firstBatchDelayMs) {
+    requester.nextBatchInterval.store(static_cast<double>(*options.firstBatchDelayMs) / 1000.0);
+  }
+}
+
+void LiveRuntime::fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
+                             const nlohmann::json& eventData) {
+  runtime_->tagManager().fireEvents(events, eventGroup, eventData, VNTREventPriority::high, true);
+}
+
+int64_t LiveRuntime::storedCount() {
+  auto& store = runtime_->store();
+  int64_t count = 0;
+  store.performAndWait([&] { count = store.count(); });
+  return count;
+}
+
+std::vector<nlohmann::json> storedRequests(Runtime& runtime) {
+  std::vector<nlohmann::json> requests;
+  auto& store = runtime.store();
+  store.performAndWait([&] {
+    for (const auto& event : store.deQueue(0)) {
+      requests.push_back(nlohmann::json::parse(event->jsonData(), nullptr, false));
+    }
+  });
+  return requests;
 }
 
 }  // namespace vntr::test

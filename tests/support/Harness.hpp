@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 #include <vntr/UserDefaults.hpp>
@@ -59,20 +61,9 @@ class RecordingTransport final : public HTTPClientProtocol {
   std::vector<std::pair<std::string, HTTPCompletion>> held_;
 };
 
-/// Records delegate notifications as raw statistic values (adjustments kept separately).
-class RecordingDelegate final : public VNTRTagManagerDelegate {
- public:
-  void notifyForStatistic(int64_t statistic, int64_t adjustment) override;
-  std::vector<int64_t> statistics() const;
-  int64_t total(int64_t statistic) const;
-  void clear();
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<int64_t, int64_t>> calls_;
-};
-
 struct HarnessOptions {
+  /// The app's data directory (HostLayout); empty: a temporary one of the harness's own.
+  std::filesystem::path root{};
   bool siteId = true;
   /// The host's site ID, used when the plist gives none.
   std::optional<std::string> hostSiteId = std::nullopt;
@@ -82,8 +73,9 @@ struct HarnessOptions {
   VNTRReachability::Source reachabilitySource = VNTRReachability::Source::host;
 };
 
-/// An isolated runtime: a temporary data directory, one manual queue serving as main and store
-/// queue (stepped by the test), a recording transport, a recording delegate, pinned facts.
+/// An isolated runtime: a data directory, one manual queue serving as main and store queue
+/// (stepped by the test), a recording transport, a recording delegate, pinned facts. Two
+/// harnesses over the same root, one after the other, are two launches of one app.
 class Harness {
  public:
   explicit Harness(HarnessOptions options = {});
@@ -92,17 +84,62 @@ class Harness {
   /// Queues `n` high-priority events through the sync-event path, one clock millisecond apart,
   /// and runs the store work.
   void storeEvents(int n, const std::string& prefix = "event");
+  /// `n` calls through intake with eventData {"seq": nextSeq++}; their store work runs.
+  void fire(int n);
+  /// One batch now, answered as the transport's mode says.
+  void sendBatch();
   int64_t storedCount();
+  EventDataManager::StoreKind storeKind();
   /// Every event id stored, newest first.
   std::vector<std::string> storedIds();
 
   TempDir dir;
+  HostLayout layout;
   std::shared_ptr<ManualExecutor> queue;
   std::shared_ptr<RecordingTransport> transport;
   std::shared_ptr<UserDefaults> defaults;
   std::shared_ptr<RecordingDelegate> delegate;
   std::shared_ptr<FakeFacts> facts;
   std::unique_ptr<Runtime> runtime;
+  int64_t nextSeq = 0;
 };
+
+struct LiveRuntimeOptions {
+  bool siteId = true;
+  /// Stores IABConsent_SubjectToGDPR = "0" (no consent needed) before anything decides consent.
+  bool notSubjectToGdpr = true;
+  /// Where a consent check goes; a loopback port with nothing behind it unless a test serves one.
+  std::string consentCheckURL = "http://127.0.0.1:9/gdpr/check/json/current";
+  /// The requester's first timer and its regular pause until a server answer changes it, so
+  /// tests need not sit through the 2 s default.
+  std::optional<int64_t> firstBatchDelayMs = 100;
+  std::optional<int64_t> batchIntervalMs = 100;
+};
+
+/// A runtime as an application has it, but private to a test: its own main and store queues on
+/// library threads, SQLite files under `root` (HostLayout), the real HTTP transport, host
+/// reachability starting reachable, pinned device facts. The server URL and the delegate are
+/// process-wide preferences the test sets itself. Two instances over the same `root`, one after
+/// the other, are two launches of one app.
+class LiveRuntime {
+ public:
+  explicit LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options = {});
+
+  /// The intake, exactly as VNTRTagManager::fireEvents runs it for the shared runtime.
+  void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
+                  const nlohmann::json& eventData = nlohmann::json::object());
+  /// Requests in the store, after the store work queued so far.
+  int64_t storedCount();
+
+  Runtime& runtime() { return *runtime_; }
+  UserDefaults& defaults() { return *defaults_; }
+
+ private:
+  std::shared_ptr<UserDefaults> defaults_;
+  std::unique_ptr<Runtime> runtime_;
+};
+
+/// The stored request bodies of `runtime`, newest first, after the store work queued so far.
+std::vector<nlohmann::json> storedRequests(Runtime& runtime);
 
 }  // namespace vntr::test

@@ -24,7 +24,7 @@ struct NamespaceOutcome {
 NamespaceOutcome runInNetworkNamespace(const std::function<std::string()>& scenario,
                                        std::chrono::seconds timeout = std::chrono::seconds(120));
 
-/// Runs `ip` with `args`; true when it exited with 0.
+/// Runs `ip` with `args` (its output goes nowhere); true when it exited with 0.
 bool ip(const std::vector<std::string>& args);
 
 /// Runs each `ip` command in order; "" when all succeeded, else which one failed.

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <climits>
+#include <stdexcept>
 #include <string_view>
 
 #include "core/ManualExecutor.hpp"
@@ -42,7 +43,6 @@ namespace {
 
 TEST(DurableCommitTest, aBurstIsSyncedBeforeItIsReportedAndSharesItsSyncs) {
   test::Harness h;
-  h.queue->runUntilIdle();
   const auto& env = h.runtime->syncEventEnvironment();
   h.queue->runUntilIdle();
   constexpr int kBurst = 300;
@@ -59,28 +59,47 @@ TEST(DurableCommitTest, aBurstIsSyncedBeforeItIsReportedAndSharesItsSyncs) {
   EXPECT_LE(syncs, 4) << "a burst of " << kBurst << " calls synced per event";
 }
 
-// The answers to a batch only delete: their commit does not wait for the disk (the batch cycle
-// waits for it), while the next new request's commit syncs again.
-TEST(DurableCommitTest, answeredRequestsAreDeletedWithoutASync) {
+// The answers to a batch are saved with one commit at the end of their joined task: nothing of
+// them reaches the file before, everything after, even when the task throws. Answers only
+// delete, so their commits do not wait for the disk (the batch cycle waits for it), while the
+// next new request's commit syncs again.
+TEST(DurableCommitTest, answersAreJoinedIntoOneCommitThatSkipsTheSync) {
   test::TempDir dir;
+  const auto file = dir / "requests_Data.sqlite";
   auto queue = std::make_shared<ManualExecutor>();
   EventDataManager store(dir.path(), queue, queue->sharedClock());
   queue->runUntilIdle();
-  const auto saveOne = [&](const std::string& id) {
-    store.performAndWait([&] {
-      store.insert(id, "{}", 1.0);
-      store.saveContext();
-    });
-  };
-  saveOne("a");
-  saveOne("b");
-  const int before = walSyncs.load();
-  store.performAndWaitJoiningSaves([&] {
-    for (const auto& event : store.deQueue(0)) event->processResult(nullptr);
+  std::vector<std::shared_ptr<VNTRSyncEvent>> events;
+  store.performAndWait([&] {
+    for (int i = 0; i < 5; ++i) store.insert("id" + std::to_string(i), "{}", 1.0 + i);
+    store.saveContext();
+    events = store.deQueue(0);
   });
-  EXPECT_EQ(walSyncs.load(), before);
-  EXPECT_EQ(test::rowsOnDisk(dir / "requests_Data.sqlite"), 0);
-  saveOne("c");
+  ASSERT_EQ(events.size(), 5u);
+  const int before = walSyncs.load();
+  std::vector<int64_t> seenDuring;
+  store.performAndWaitJoiningSaves([&] {
+    for (size_t i = 0; i < 3; ++i) {
+      events[i]->processResult(nullptr);
+      seenDuring.push_back(test::rowsOnDisk(file));
+    }
+    EXPECT_EQ(store.count(), 2);  // the queue itself sees the deletes at once
+  });
+  EXPECT_EQ(seenDuring, std::vector<int64_t>(3, 5));
+  EXPECT_EQ(test::rowsOnDisk(file), 2);
+  // A throwing task's delete stays pending; the next answer, outside any joined task, is saved
+  // at once and takes it along.
+  EXPECT_THROW(store.performAndWaitJoiningSaves([&] {
+    events[3]->processResult(nullptr);
+    throw std::runtime_error("dispatch failed");
+  }),
+               std::runtime_error);
+  store.performAndWait([&] { events[4]->processResult(nullptr); });
+  EXPECT_EQ(test::rowsOnDisk(file), 0);
+  store.performAndWait([&] {
+    store.insert("new", "{}", 9.0);
+    store.saveContext();
+  });
   EXPECT_EQ(walSyncs.load(), before + 1);
 }
 

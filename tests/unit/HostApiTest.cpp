@@ -1,13 +1,18 @@
 // What a host configures from outside: its own site ID beside the property list, the request
-// timeout through C++ and C alike.
+// timeout, the directories and user defaults the library uses.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vntr/vntr.h>
 
 #include <cmath>
 #include <fstream>
-#include <limits>
+#include <map>
+#include <vntr/UserDefaults.hpp>
 #include <vntr/VNTRTagManager.hpp>
 
+#include "core/ProcessSettings.hpp"
+#include "platform/linux/Paths.hpp"
 #include "support/Harness.hpp"
 
 namespace vntr {
@@ -48,38 +53,106 @@ TEST(HostSiteID, isUsedOnlyWhenThePropertyListGivesNoneAndItsLinesStay) {
   }
 }
 
-TEST(HostSiteID, refusesEmptyOrNonUTF8TextWithALogLine) {
-  test::CapturingLog log;
-  EXPECT_FALSE(VNTRTagManager::setSiteID(""));
-  EXPECT_FALSE(VNTRTagManager::setSiteID("\xff"));
-  EXPECT_EQ(vntr_set_site_id(nullptr), VNTR_INVALID_ARGUMENT);
-  EXPECT_EQ(log.lines().size(), 3u);
-}
-
-TEST(RequestTimeout, cppAndCAcceptTheSameValues) {
-  constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-  constexpr double kInf = std::numeric_limits<double>::infinity();
+TEST(RequestTimeout, acceptsPositiveFiniteSecondsAndLogsAnythingElse) {
   auto& preferences = VNTRPreferences::sharedPreferences();
-  const struct {
-    double value;
-    bool accepted;
-  } cases[] = {{5, true},   {0.25, true},  {1e9, true},   {0, false},
-               {-1, false}, {kNaN, false}, {kInf, false}, {-kInf, false}};
-  for (const bool viaC : {false, true}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(std::to_string(c.value) + (viaC ? " via C" : " via C++"));
-      test::CapturingLog log;
-      preferences.setRequestTimeout(7);
-      if (viaC) {
-        vntr_set_request_timeout(c.value);
-      } else {
-        preferences.setRequestTimeout(c.value);
-      }
-      EXPECT_EQ(preferences.requestTimeout(), c.accepted ? c.value : 7);
-      EXPECT_EQ(log.lines().size(), c.accepted ? 0u : 1u);
-    }
+  const std::pair<double, bool> cases[] = {{5, true},         {0.25, true},      {1e9, true},
+                                           {0, false},        {-1, false},       {NAN, false},
+                                           {INFINITY, false}, {-INFINITY, false}};
+  for (const auto& [value, accepted] : cases) {
+    SCOPED_TRACE(value);
+    test::CapturingLog log;
+    preferences.setRequestTimeout(7);
+    vntr_set_request_timeout(value);
+    EXPECT_EQ(preferences.requestTimeout(), accepted ? value : 7);
+    EXPECT_EQ(log.lines().size(), accepted ? 0u : 1u);
   }
   preferences.setRequestTimeout(VNTRPreferences::kDefaultRequestTimeout);
+}
+
+EnvironmentLookup fakeEnvironment(std::map<std::string, std::string> values) {
+  return [values = std::move(values)](const std::string& name) -> std::optional<std::string> {
+    if (const auto found = values.find(name); found != values.end()) return found->second;
+    return std::nullopt;
+  };
+}
+
+void writeInfoPlist(const std::filesystem::path& directory, const std::string& identifier) {
+  std::ofstream(directory / "Info.plist")
+      << "<plist><dict><key>CFBundleIdentifier</key>" << identifier << "</dict></plist>";
+}
+
+// Relative XDG values are invalid and ignored; without HOME the password database knows the
+// user's home, and without that /tmp is used.
+TEST(Paths, xdgDirectoriesWithTheirFallbacks) {
+  const auto withXdg = fakeEnvironment(
+      {{"HOME", "/home/u"}, {"XDG_DATA_HOME", "/data"}, {"XDG_CONFIG_HOME", "/conf"}});
+  EXPECT_EQ(defaultDocumentsDirectory("app", withXdg), "/data/app");
+  EXPECT_EQ(defaultUserDefaultsFile("app", withXdg), "/conf/app/UserDefaults.json");
+  const auto homeOnly =
+      fakeEnvironment({{"HOME", "/home/u"}, {"XDG_DATA_HOME", "data"}, {"XDG_CONFIG_HOME", ""}});
+  EXPECT_EQ(defaultDocumentsDirectory("app", homeOnly), "/home/u/.local/share/app");
+  EXPECT_EQ(defaultUserDefaultsFile("app", homeOnly), "/home/u/.config/app/UserDefaults.json");
+  const auto home = homeDirectory(fakeEnvironment({}));
+  EXPECT_EQ(defaultDocumentsDirectory("app", fakeEnvironment({})),
+            home ? *home / ".local/share/app"
+                 : std::filesystem::path("/tmp/app-" + std::to_string(::getuid())));
+}
+
+TEST(Paths, appNameIsTheBundleIdentifierWhenItIsASafeDirectoryName) {
+  test::TempDir dir;
+  EXPECT_FALSE(bundleIdentifierIn(dir.path()));
+  writeInfoPlist(dir.path(), "<string>com.example.host</string>");
+  EXPECT_EQ(appNameFor(bundleIdentifierIn(dir.path()), "prog"), "com.example.host");
+  writeInfoPlist(dir.path(), "<integer>5</integer>");
+  EXPECT_FALSE(bundleIdentifierIn(dir.path()));
+  for (const char* unsafe : {"", ".", "..", "../../etc", "a/b"}) {
+    EXPECT_EQ(appNameFor(std::string(unsafe), "prog"), "prog") << unsafe;
+  }
+  EXPECT_EQ(appNameFor(std::nullopt, ""), "VNTRTagManager");
+  EXPECT_FALSE(runningExecutable().name.empty());
+}
+
+// The paths are process-wide and freeze at first use, so one test walks the whole life cycle.
+TEST(ProcessSettings, hostSettingsApplyUntilFirstUseThenFreeze) {
+  test::TempDir dir;
+  const auto documents = dir / "docs" / "nested";
+  const auto defaultsFile = dir / "conf" / "UserDefaults.json";
+  for (const auto setter :
+       {vntr_set_main_bundle_path, vntr_set_documents_directory, vntr_set_user_defaults_path}) {
+    for (const char* bad : {static_cast<const char*>(nullptr), "", "\xff\xfe"}) {
+      EXPECT_EQ(setter(bad), VNTR_INVALID_ARGUMENT);
+    }
+  }
+  EXPECT_TRUE(setMainBundlePath("/first/choice"));
+  EXPECT_EQ(vntr_set_main_bundle_path(dir.path().c_str()), VNTR_OK);  // the last one wins
+  EXPECT_EQ(vntr_set_documents_directory(documents.c_str()), VNTR_OK);
+  EXPECT_EQ(vntr_set_user_defaults_path(defaultsFile.c_str()), VNTR_OK);
+  const ProcessPaths& paths = processPaths();
+  EXPECT_EQ(paths.mainBundleDirectory, dir.path());
+  EXPECT_EQ(paths.documentsDirectory, documents);
+  EXPECT_EQ(paths.userDefaultsFile, defaultsFile);
+  struct stat info {};
+  ASSERT_EQ(::stat(documents.c_str(), &info), 0);  // created at first use, private
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  EXPECT_FALSE(setMainBundlePath("/elsewhere"));
+  EXPECT_EQ(vntr_set_documents_directory("/elsewhere"), VNTR_INVALID_ARGUMENT);
+  EXPECT_EQ(&processPaths(), &paths);
+
+  // The C functions write the standard user defaults, which live in the file set above.
+  EXPECT_EQ(vntr_user_defaults_set_string("IABConsent_SubjectToGDPR", "0"), VNTR_OK);
+  EXPECT_EQ(vntr_user_defaults_set_double("n", 2.5), VNTR_OK);
+  EXPECT_EQ(vntr_user_defaults_set_bool("b", 7), VNTR_OK);
+  for (const auto status :
+       {vntr_user_defaults_set_string(nullptr, "x"), vntr_user_defaults_set_string("k", "\xc3"),
+        vntr_user_defaults_set_double("n", NAN), vntr_user_defaults_set_bool(nullptr, 1)}) {
+    EXPECT_EQ(status, VNTR_INVALID_ARGUMENT);
+  }
+  UserDefaults fromDisk(defaultsFile);
+  EXPECT_EQ(fromDisk.subjectToGdpr(), "0");
+  EXPECT_EQ(fromDisk.doubleForKey("n"), 2.5);
+  EXPECT_EQ(fromDisk.objectForKey("b"), UserDefaults::Value(true));
+  EXPECT_EQ(vntr_user_defaults_set_string("IABConsent_SubjectToGDPR", nullptr), VNTR_OK);
+  EXPECT_FALSE(UserDefaults(defaultsFile).subjectToGdpr());
 }
 
 }  // namespace

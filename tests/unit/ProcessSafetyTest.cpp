@@ -21,41 +21,35 @@ namespace fs = std::filesystem;
 
 TEST(ProcessSafety, aSharedFallbackDirectoryIsUsedOnlyWhenItIsTheUsersOwn) {
   TempDir dir;
-  const auto own = dir.path() / "own";
-  ASSERT_EQ(::mkdir(own.c_str(), 0700), 0);
-  struct Case {
+  const struct {
     const char* name;
-    std::function<void(const fs::path&)> make;  // builds the entry; nothing: left missing
-    const char* reason;                         // nullptr: accepted
+    char kind;  // 'd': a directory with `mode`, 'l': a link to one, 'f': a file, '-': nothing
+    mode_t mode;
+    const char* reason;
   } cases[] = {
-      {"missing", nullptr, nullptr},
-      {"private", [](const fs::path& p) { ::mkdir(p.c_str(), 0700); }, nullptr},
-      {"group-writable",
-       [](const fs::path& p) { ::mkdir(p.c_str(), 0700), ::chmod(p.c_str(), 0770); },
-       "others can write to it"},
-      {"world-writable",
-       [](const fs::path& p) { ::mkdir(p.c_str(), 0700), ::chmod(p.c_str(), 0707); },
-       "others can write to it"},
-      {"symlink", [&](const fs::path& p) { fs::create_directory_symlink(own, p); },
-       "it is a symbolic link"},
-      {"file", [](const fs::path& p) { std::ofstream(p) << "{}"; }, "it is not a directory"},
+      {"missing", '-', 0, "accepted"},
+      {"private", 'd', 0700, "accepted"},
+      {"group-writable", 'd', 0770, "others can write to it"},
+      {"world-writable", 'd', 0707, "others can write to it"},
+      {"symlink", 'l', 0, "it is a symbolic link"},
+      {"file", 'f', 0, "it is not a directory"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const auto path = dir.path() / c.name;
-    if (c.make) c.make(path);
-    const auto reason = claimPrivateDirectory(path);
-    if (c.reason == nullptr) {
-      EXPECT_FALSE(reason) << *reason;
-      struct stat info {};
-      ASSERT_EQ(::lstat(path.c_str(), &info), 0);
-      EXPECT_EQ(info.st_mode & 0777, 0700u);
-    } else {
-      EXPECT_EQ(reason.value_or("accepted"), c.reason);
+    const auto path = dir / c.name;
+    if (c.kind == 'd') {
+      fs::create_directory(path);
+      fs::permissions(path, static_cast<fs::perms>(c.mode));
+    }
+    if (c.kind == 'l') fs::create_directory_symlink(dir / "private", path);
+    if (c.kind == 'f') std::ofstream(path) << "{}";
+    EXPECT_EQ(claimPrivateDirectory(path).value_or("accepted"), c.reason);
+    if (c.kind == '-' || c.mode == 0700) {
+      EXPECT_EQ(fs::status(path).permissions() & fs::perms::all, fs::perms::owner_all);
     }
   }
   if (::getuid() == 0) {
-    const auto foreign = dir.path() / "foreign";
+    const auto foreign = dir / "foreign";
     ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
     ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
     EXPECT_EQ(claimPrivateDirectory(foreign).value_or("accepted"), "it belongs to uid 65534");

@@ -23,16 +23,11 @@
 //       result as "<call> <result>" (the first eventCreated also calls flush from inside the
 //       delegate). The network is reachable only for "flush". Writes "main returned" to
 //       reportFile as main ends, so the parent sees any callback that came after it.
-//   vntr_fault_child lock <storeFile> <write|exclusive>
-//       Another process holding the store: "write" holds a write transaction, "exclusive" also
-//       switches to the exclusive locking mode (no other connection may even read). Prints
-//       "locked" once it holds the lock and keeps it until its standard input ends.
 //
 // dataDir holds what a host has (the same layout as the tests' HostLayout): "bundle" with the
 // site ID, "documents" for the store, "config/defaults.json" for the user defaults.
 
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vntr/vntr.h>
@@ -40,7 +35,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -108,7 +102,7 @@ Reporter& reporter() {
 }
 
 int usage() {
-  std::cerr << "usage: vntr_fault_child run|exit|fire|lock ... (see the source)\n";
+  std::cerr << "usage: vntr_fault_child run|exit|fork|fire ... (see the source)\n";
   return 2;
 }
 
@@ -143,6 +137,8 @@ int64_t storedRequests() {
   return count;
 }
 
+bool reached(const std::string& point);
+
 int run(char** argv) {
   const fs::path dataDir = argv[2];
   const int64_t firstSeq = std::stoll(argv[4]);
@@ -162,10 +158,12 @@ int run(char** argv) {
       continue;
     }
     // Alone, a host has sent its requests when each was answered; sharing the queue with
-    // other processes, some of its requests go out in theirs, and the queue runs empty.
+    // other processes, some of its requests go out in theirs, and the queue runs empty. It
+    // leaves with no batch of its own in flight (another process's requests may be in it, and
+    // a reply that never arrives sends them again).
     if (maxEvents > 0 && fired == maxEvents &&
         reporter()[VNTRStatistic::eventCreated] == maxEvents &&
-        (backlog() == 0 || storedRequests() == 0)) {
+        (backlog() == 0 || storedRequests() == 0) && !reached("inflight")) {
       return 0;
     }
     VNTRTagManager::updateReachabilityFlags(kReachable);
@@ -202,7 +200,7 @@ int exitWhile(char** argv) {
   const std::string point = argv[7];
   const auto seed = static_cast<uint32_t>(std::stoul(argv[8]));
   if ((how != "return" && how != "exit") ||
-      (point != "inflight" && point != "timer" && point != "random")) {
+      (point != "start" && point != "inflight" && point != "timer" && point != "random")) {
     return usage();
   }
   setUpHost(dataDir, argv[3], argv[5]);
@@ -222,12 +220,13 @@ int exitWhile(char** argv) {
 
   std::mt19937 random(seed ^ 0x9e3779b9u);
   bool arrived = false;
-  if (point == "random") {
-    // Counted from the first saved request: a process that ends before its first call has even
-    // set the library up is another matter (a thread that initialises libcurl, and with it
-    // OpenSSL, while another thread runs OpenSSL's exit handler crashes inside OpenSSL).
+  if (point == "random" || point == "start") {
+    // Counted from the first saved request: a process that ends while its first call is still
+    // under way is another matter. "start" ends while the first batch starts the transport, whose
+    // thread initialises libcurl and OpenSSL as exit begins.
     arrived = waitFor([] { return reporter()[VNTRStatistic::eventCreated] > 0; });
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 150000));
+    const uint32_t spread = point == "start" ? 5000 : 150000;
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % spread));
   } else {
     arrived = waitFor([&] { return reached(point); });
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
@@ -316,31 +315,6 @@ int fire(char** argv) {
   return 0;
 }
 
-int lock(char** argv) {
-  const std::string how = argv[3];
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(argv[2], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot open " << argv[2] << "\n";
-    return 1;
-  }
-  sqlite3_busy_timeout(db, 5000);
-  if (how == "exclusive" &&
-      sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    return 1;
-  }
-  if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    std::cerr << "cannot lock: " << sqlite3_errmsg(db) << "\n";
-    return 1;
-  }
-  std::cout << "locked" << std::endl;
-  char buffer[256];
-  while (::read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
-  }
-  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
-  sqlite3_close_v2(db);
-  return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -348,7 +322,6 @@ int main(int argc, char** argv) {
   if (mode == "run" && argc == 8) return run(argv);
   if (mode == "exit" && argc == 9) return exitWhile(argv);
   if (mode == "fork" && argc == 7) return forkHost(argv);
-  if (mode == "lock" && argc == 4) return lock(argv);
   if (mode == "fire" && argc == 7) return fire(argv);
   return usage();
 }
