@@ -90,8 +90,10 @@ Runtime& Runtime::shared() {
 
 void Runtime::abandonAfterFork() {
   // Only the store needs a word: SQLite must not keep the parent's connection in this process.
-  // The rest (threads that are gone, curl handles, sockets, queued work) is simply never used.
+  // The rest (threads that are gone, curl handles, sockets, queued work) is simply never used;
+  // the file of calls waiting for the parent's store is closed here, the parent keeps its own.
   if (store_) store_->abandonAfterFork();
+  if (syncEnvironment_) syncEnvironment_->pending->abandonAfterFork();
 }
 
 bool Runtime::useHostReachability(uint32_t initialFlags) {
@@ -264,7 +266,8 @@ const SyncEventEnvironment& Runtime::syncEventEnvironment() {
   std::call_once(syncEnvironmentOnce_, [this] {
     syncEnvironment_ = std::make_unique<SyncEventEnvironment>(
         SyncEventEnvironment{store(), [this]() -> const EventFacts& { return eventFacts(); },
-                             [this] { return reachability().connectionType(); }, clock_});
+                             [this] { return reachability().connectionType(); }, clock_,
+                             std::make_shared<PendingBuilds>(paths_.documentsDirectory)});
   });
   return *syncEnvironment_;
 }

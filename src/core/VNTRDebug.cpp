@@ -1,11 +1,14 @@
 #include "core/VNTRDebug.hpp"
 
 #include <cxxabi.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <mutex>
+#include <utility>
 
 #include "core/HostCallbacks.hpp"
 #include "core/MainQueue.hpp"
@@ -27,6 +30,45 @@ bool callLogCallback(VantrelLogLevel level, const std::vector<std::string>& stri
   }
 }
 
+// Messages waiting for the main queue, oldest first. One task delivers all that wait, so a
+// burst of messages (one per stored event at verbose level) costs the main queue one wake-up
+// and no closure each.
+struct WaitingMessages {
+  std::mutex mutex;
+  std::vector<std::pair<VantrelLogLevel, std::vector<std::string>>> messages;  // guarded
+  bool deliveryPosted = false;                                                 // guarded
+};
+
+WaitingMessages& waitingMessages() {
+  static auto* const instance = [] {
+    auto* waiting = new WaitingMessages;  // never destroyed: threads outlive exit
+    // A forked child delivers its own messages on its own main queue; the parent delivers
+    // those that waited at the fork.
+    pthread_atfork([] { waitingMessages().mutex.lock(); }, [] { waitingMessages().mutex.unlock(); },
+                   [] {
+                     auto& self = waitingMessages();
+                     self.messages.clear();
+                     self.deliveryPosted = false;
+                     self.mutex.unlock();
+                   });
+    return waiting;
+  }();
+  return *instance;
+}
+
+void deliverWaitingMessages() {
+  auto& waiting = waitingMessages();
+  std::vector<std::pair<VantrelLogLevel, std::vector<std::string>>> messages;
+  {
+    std::scoped_lock lock(waiting.mutex);
+    messages.swap(waiting.messages);
+    waiting.deliveryPosted = false;
+  }
+  for (const auto& [level, strings] : messages) {
+    if (!callLogCallback(level, strings)) VNTRLog(level, strings);
+  }
+}
+
 }  // namespace
 
 void detail::deliverLog(VantrelLogLevel level, std::vector<std::string> strings) {
@@ -36,9 +78,13 @@ void detail::deliverLog(VantrelLogLevel level, std::vector<std::string> strings)
     VNTRLog(level, strings);
     return;
   }
-  mainQueue().post([level, strings = std::move(strings)] {
-    if (!callLogCallback(level, strings)) VNTRLog(level, strings);
-  });
+  auto& waiting = waitingMessages();
+  {
+    std::scoped_lock lock(waiting.mutex);
+    waiting.messages.emplace_back(level, std::move(strings));
+    if (std::exchange(waiting.deliveryPosted, true)) return;
+  }
+  mainQueue().post(deliverWaitingMessages);
 }
 
 std::string formatLogLine(VantrelLogLevel level, const std::vector<std::string>& strings) {

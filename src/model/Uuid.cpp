@@ -65,14 +65,14 @@ std::string makeUuidString() {
   bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
   bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
   static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string text;
-  text.reserve(36);
+  std::array<char, 36> text{};
+  size_t at = 0;
   for (size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    text += kHex[bytes[i] >> 4];
-    text += kHex[bytes[i] & 0x0F];
+    if (i == 4 || i == 6 || i == 8 || i == 10) text[at++] = '-';
+    text[at++] = kHex[bytes[i] >> 4];
+    text[at++] = kHex[bytes[i] & 0x0F];
   }
-  return text;
+  return std::string(text.data(), text.size());
 }
 
 }  // namespace vntr

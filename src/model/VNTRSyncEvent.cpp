@@ -1,12 +1,7 @@
 #include "model/VNTRSyncEvent.hpp"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <stdexcept>
@@ -17,6 +12,7 @@
 #include "core/VNTRDebug.hpp"
 #include "core/VNTRStatistic.hpp"
 #include "model/RequestSizeLimit.hpp"
+#include "model/SyncEventRequest.hpp"
 #include "model/Uuid.hpp"
 #include "store/EventDataManager.hpp"
 
@@ -30,31 +26,8 @@ constexpr const char* kInvalidEventData =
     "\"isValidJSONObject\".";
 constexpr const char* kEventDataSerializationFailed =
     "Sync Event Init : EventData serialization failed.";
-constexpr const char* kSerializationFailed = "Sync Event Init :  serialization failed.";
 // A UUID clash is all but impossible; the bound only keeps a broken store from looping forever.
 constexpr int kMaxIdAttempts = 64;
-
-[[noreturn]] void brokenTemplate(const char* what) {
-  const std::string line = std::string("[Fatal] SyncEventBase.js: ") + what + "\n";
-  (void)!::write(STDERR_FILENO, line.data(), line.size());
-  std::abort();
-}
-
-// The request template, loaded once and never destroyed (background threads may build events
-// while the process exits).
-const json& syncEventBaseDictionary() {
-  static const json* const base = [] {
-    auto* dictionary = new json(requiredTemplate("SyncEventBase.js"));
-    const auto params = dictionary->find("params");
-    if (params == dictionary->end() || !params->is_object()) brokenTemplate("no params object");
-    for (const char* member : {"deviceData", "appInfo"}) {
-      const auto found = params->find(member);
-      if (found == params->end() || !found->is_object()) brokenTemplate("incomplete params");
-    }
-    return dictionary;
-  }();
-  return *base;
-}
 
 enum class DataCheck { valid, invalid, unserializable };
 
@@ -102,192 +75,6 @@ std::string chooseId(EventDataManager& store, VNTREventPriority priority) {
   return id;
 }
 
-void setOrRemove(json& object, const char* key, const std::optional<std::string>& value) {
-  if (value) {
-    object[key] = *value;
-  } else {
-    object.erase(key);
-  }
-}
-
-// The members that change from one request to the next; the rest comes from the template and
-// the device facts. `id` unset keeps the template's.
-struct VariableMembers {
-  std::optional<std::string> id;
-  json events, eventGroup, eventTime, eventData, connectionType;
-};
-
-json fillTemplate(const EventFacts& facts, VariableMembers members) {
-  json request = syncEventBaseDictionary();
-  if (members.id) request["id"] = std::move(*members.id);
-  auto& params = request["params"];
-  setOrRemove(params, "siteId", facts.siteId);
-  setOrRemove(params, "appId", facts.appId);
-  params["eventData"] = std::move(members.eventData);
-  params["eventGroup"] = std::move(members.eventGroup);
-  params["events"] = std::move(members.events);
-  params["version"] = "1.0";
-  params["eventTime"] = std::move(members.eventTime);
-  auto& deviceData = params["deviceData"];
-  deviceData["os"] = facts.os;
-  deviceData["lang"] = facts.lang;
-  deviceData["id"] = facts.idfa;
-  deviceData["idfv"] = facts.idfv;
-  deviceData["dnt"] = facts.dnt;
-  deviceData["hardware"] = facts.hardware;
-  deviceData["connectionType"] = std::move(members.connectionType);
-  auto& appInfo = params["appInfo"];
-  appInfo["appInstallTime"] = facts.appInstallTime;
-  appInfo["sdkVersion"] = facts.sdkVersion;
-  return request;
-}
-
-// The request text for one set of device facts, rendered once with a marker in each variable
-// member and cut there. A build then writes only its own members between the fixed pieces:
-// copying and serialising the whole template per event cost more than storing it.
-class RequestLayout {
- public:
-  enum Slot : size_t { id, events, eventGroup, eventTime, eventData, connectionType, count };
-  using Texts = std::array<std::string_view, Slot::count>;  // JSON text of each member
-
-  explicit RequestLayout(const EventFacts& facts) : facts_(facts) {
-    VariableMembers markers;
-    markers.id = marker(id);
-    markers.events = marker(events);
-    markers.eventGroup = marker(eventGroup);
-    markers.eventTime = marker(eventTime);
-    markers.eventData = marker(eventData);
-    markers.connectionType = marker(connectionType);
-    std::string text;
-    try {
-      text = fillTemplate(facts, std::move(markers)).dump();
-      templateId_ = syncEventBaseDictionary().at("id").dump();
-    } catch (const json::exception&) {
-      return;  // a fact that is not valid UTF-8, or no template id: every build renders whole
-    }
-    struct Found {
-      size_t at, length;
-      Slot slot;
-      bool operator<(const Found& other) const { return at < other.at; }
-    };
-    std::array<Found, Slot::count> found{};
-    for (size_t slot = 0; slot < Slot::count; ++slot) {
-      const std::string quoted = json(marker(static_cast<Slot>(slot))).dump();
-      const size_t at = text.find(quoted);
-      // A fact that happens to hold a marker's text would make the cut ambiguous.
-      if (at == std::string::npos || text.find(quoted, at + 1) != std::string::npos) return;
-      found[slot] = {at, quoted.size(), static_cast<Slot>(slot)};
-    }
-    std::sort(found.begin(), found.end());
-    size_t from = 0;
-    for (size_t i = 0; i < Slot::count; ++i) {
-      pieces_[i] = text.substr(from, found[i].at - from);
-      order_[i] = found[i].slot;
-      from = found[i].at + found[i].length;
-    }
-    pieces_[Slot::count] = text.substr(from);
-    usable_ = true;
-  }
-
-  bool usable() const { return usable_; }
-  bool renderedFrom(const EventFacts& facts) const { return facts == facts_; }
-  const std::string& templateId() const { return templateId_; }
-
-  std::string render(const Texts& texts) const {
-    size_t size = 0;
-    for (const auto& piece : pieces_) size += piece.size();
-    for (const auto text : texts) size += text.size();
-    std::string request;
-    request.reserve(size);
-    for (size_t i = 0; i < Slot::count; ++i) {
-      request += pieces_[i];
-      request += texts[order_[i]];
-    }
-    request += pieces_[Slot::count];
-    return request;
-  }
-
- private:
-  // A control character no fact is expected to hold, serialised as \u0001.
-  static std::string marker(Slot slot) { return "\x01vntr-member-" + std::to_string(slot); }
-
-  EventFacts facts_;
-  bool usable_ = false;
-  std::string templateId_;
-  std::array<std::string, Slot::count + 1> pieces_;
-  std::array<Slot, Slot::count> order_{};
-};
-
-// The request text, or nothing after the failure line. The event data arrives serialised and is
-// written as it is, so it is not parsed again.
-std::optional<std::string> buildRequest(const SyncEventEnvironment& env, const std::string& id,
-                                        const std::vector<std::string>& events,
-                                        const std::string& eventGroup,
-                                        std::string_view eventDataText, TimePoint now) {
-  const EventFacts& facts = env.facts();
-  // Builds run on the store queue's thread; the layout follows the facts when they change.
-  thread_local std::unique_ptr<RequestLayout> layout;
-  if (!layout || !layout->renderedFrom(facts)) layout = std::make_unique<RequestLayout>(facts);
-  const std::string connectionType = env.connectionType ? env.connectionType() : std::string();
-  try {
-    if (layout->usable()) {
-      // The members' JSON texts, written one after another into one buffer kept by the thread.
-      thread_local std::string written;
-      written.clear();
-      std::array<size_t, RequestLayout::Slot::count + 1> ends{};
-      const auto end = [&](RequestLayout::Slot slot) { ends[slot + 1] = written.size(); };
-      bool valid = true;
-      if (id.empty()) {
-        written += layout->templateId();
-      } else {
-        valid = appendJSONString(written, id);
-      }
-      end(RequestLayout::id);
-      written += '[';
-      for (size_t i = 0; valid && i < events.size(); ++i) {
-        if (i > 0) written += ',';
-        valid = appendJSONString(written, events[i]);
-      }
-      written += ']';
-      end(RequestLayout::events);
-      valid = valid && appendJSONString(written, eventGroup);
-      end(RequestLayout::eventGroup);
-      valid = valid && appendJSONString(written, timestamp(now));
-      end(RequestLayout::eventTime);
-      end(RequestLayout::eventData);  // comes as it is, not from the buffer
-      valid = valid && appendJSONString(written, connectionType);
-      end(RequestLayout::connectionType);
-      if (!valid) {
-        Debug(VantrelLogLevel::error, kSerializationFailed);
-        return std::nullopt;
-      }
-      RequestLayout::Texts texts;
-      for (size_t slot = 0; slot < RequestLayout::Slot::count; ++slot) {
-        texts[slot] = std::string_view(written).substr(ends[slot], ends[slot + 1] - ends[slot]);
-      }
-      texts[RequestLayout::eventData] = eventDataText;
-      return layout->render(texts);
-    }
-    VariableMembers members{id.empty() ? std::nullopt : std::optional<std::string>(id),
-                            events,
-                            eventGroup,
-                            timestamp(now),
-                            nullptr,
-                            connectionType};
-    std::string text = fillTemplate(facts, std::move(members)).dump();
-    // Every quote inside a string value is escaped, so this member can only be the placeholder.
-    static constexpr std::string_view kPlaceholder = R"("eventData":null)";
-    const size_t at = text.find(kPlaceholder);
-    if (at == std::string::npos) brokenTemplate("eventData placeholder not written");
-    text.replace(at + kPlaceholder.size() - 4, 4, eventDataText);
-    return text;
-  } catch (const json::exception&) {
-    // The caller's events or group (or a device fact) are not valid UTF-8.
-    Debug(VantrelLogLevel::error, kSerializationFailed);
-    return std::nullopt;
-  }
-}
-
 // The event data as the request will carry it, or nothing after the failure line.
 std::optional<std::string> serialisedEventData(const json& eventData) {
   switch (checkEventData(eventData)) {
@@ -317,17 +104,20 @@ std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
   try {
     const TimePoint now = env.clock->now();
     std::string id = chooseId(env.store, priority);
-    auto request = buildRequest(env, id, events, eventGroup, eventDataText, now);
-    if (!request || refuseOversizedRequest(request->size())) return nullptr;
+    auto request =
+        buildSyncEventRequest(env, id, events, eventGroup, eventDataText, now, /*asParts=*/!keep);
+    if (!request || refuseOversizedRequest(request->size)) return nullptr;
     const double timeStamp = referenceDateSeconds(now);
     std::shared_ptr<VNTRSyncEvent> record;
     int64_t rowId = 0;
     if (keep) {
-      rowId = env.store.insert(id, *request, timeStamp);
-      record =
-          std::make_shared<VNTRSyncEvent>(env.store, rowId, id, std::move(*request), timeStamp);
+      rowId = env.store.insert(id, request->text, timeStamp);
+      record = std::make_shared<VNTRSyncEvent>(env.store, rowId, id, std::move(request->text),
+                                               timeStamp);
     } else {
-      rowId = env.store.insert(id, std::move(*request), timeStamp);
+      // Kept as parts until its save writes it out: a burst's requests waiting for their
+      // commit take a fraction of the memory.
+      rowId = env.store.insert(id, std::move(request->text), timeStamp, std::move(request->writer));
     }
     Debug(VantrelLogLevel::verbose,
           id == EventDataManager::nilID ? "Low priority event" : "Event id " + id);
@@ -344,14 +134,10 @@ std::shared_ptr<VNTRSyncEvent> build(const SyncEventEnvironment& env,
 // one task, as one task per call did: work queued on the store after a call returned still
 // runs after that call's build. The store commits every kMaxBatchedSaves builds on the way.
 void drainPendingBuilds(const SyncEventEnvironment& env) {
-  auto buffers = env.pending->takeAll();
-  for (; !buffers.empty(); buffers.pop_front()) {
-    PendingBuilds::forEach(
-        buffers.front(), [&env](VNTREventPriority priority, const std::vector<std::string>& events,
-                                const std::string& eventGroup, std::string_view data) {
-          build(env, events, eventGroup, data, priority, /*keep=*/false);
-        });
-  }
+  env.pending->drain([&env](VNTREventPriority priority, const std::vector<std::string>& events,
+                            const std::string& eventGroup, std::string_view data) {
+    build(env, events, eventGroup, data, priority, /*keep=*/false);
+  });
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/Clock.hpp"
+#include "model/PendingBuilds.hpp"
 #include "model/VNTREventPriority.hpp"
 #include "model/VNTRMethodProtocol.hpp"
 
@@ -31,34 +32,6 @@ struct EventFacts {
   bool operator==(const EventFacts&) const = default;
 };
 
-/// Event builds waiting for the store queue, packed back to back into a few large buffers.
-/// A burst of calls then costs the store queue's memory about the size of the arguments
-/// (instead of a closure, a copied JSON tree and a queue entry per call), and each caller one
-/// short lock. Any thread.
-class PendingBuilds {
- public:
-  /// Packs one build after the others; true when the caller must schedule a drain. Throws
-  /// std::length_error for a piece longer than 4 GiB (nothing of the build is kept then).
-  bool append(VNTREventPriority priority, const std::vector<std::string>& events,
-              std::string_view eventGroup, std::string_view eventDataText);
-  /// Every buffer of packed builds, oldest first; the next `append` schedules a drain again.
-  std::deque<std::string> takeAll();
-  /// Calls `build(priority, events, eventGroup, eventDataText)` for each build packed in
-  /// `buffer`, oldest first.
-  static void forEach(std::string_view buffer,
-                      const std::function<void(VNTREventPriority, const std::vector<std::string>&,
-                                               const std::string&, std::string_view)>& build);
-
- private:
-  std::mutex mutex_;
-  std::deque<std::string> buffers_;
-  bool drainScheduled_ = false;
-  // The names and group of the last entry packed into the newest buffer.
-  std::vector<std::string> lastEvents_;
-  std::string lastGroup_;
-  bool hasLast_ = false;
-};
-
 /// The collaborators of event building. Must outlive every build queued with it: the wiring
 /// keeps one for the life of the process.
 struct SyncEventEnvironment {
@@ -66,6 +39,7 @@ struct SyncEventEnvironment {
   std::function<const EventFacts&()> facts;     // first call may compute them; on the store queue
   std::function<std::string()> connectionType;  // read when each request is built
   std::shared_ptr<const Clock> clock;
+  // Calls waiting for the store; the process-wide one spills to the queue's directory.
   std::shared_ptr<PendingBuilds> pending = std::make_shared<PendingBuilds>();
 };
 

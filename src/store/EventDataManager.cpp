@@ -21,6 +21,9 @@ constexpr double kMaxAgeAtStartup = 1209600;  // 14 days
 // After a burst of at least this many saves the memory it used is handed back.
 constexpr size_t kLargeBurst = 1024;
 
+// SQLite's default point for a checkpoint.
+constexpr int kCheckpointPages = 1000;
+
 constexpr const char* kNoStoreDescription = "The event store could not be opened";
 
 std::string describe(const sqlite::Error& error) {
@@ -35,6 +38,29 @@ void EventDataManager::Impl::open(const std::filesystem::path& documentsDirector
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
   kind_.store(opened.kind);
+  // Replaces SQLite's automatic checkpoint, which runs inside the commit that fills the log.
+  if (db_ && opened.kind != StoreKind::memory) {
+    sqlite3_wal_hook(db_->handle(), &Impl::walCommitted, this);
+  }
+}
+
+int EventDataManager::Impl::walCommitted(void* impl, sqlite3* /*db*/, const char* /*name*/,
+                                         int pages) {
+  auto* self = static_cast<Impl*>(impl);
+  if (pages < kCheckpointPages || self->checkpointQueued_) return SQLITE_OK;
+  self->checkpointQueued_ = true;
+  self->queue_->post([weak = self->weak_from_this()] {
+    if (const auto strong = weak.lock()) strong->checkpoint();
+  });
+  return SQLITE_OK;
+}
+
+void EventDataManager::Impl::checkpoint() {
+  checkpointQueued_ = false;
+  // Passive: never waits for another connection; what it cannot copy now waits for the next.
+  if (db_) {
+    sqlite3_wal_checkpoint_v2(db_->handle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
 }
 
 void EventDataManager::Impl::close() {
@@ -135,14 +161,15 @@ void EventDataManager::Impl::saveContextThen(Executor::Task afterSave) {
   if (inBurst_ && db_ && !db_->inTransaction()) db_->begin(/*durable=*/true);
 }
 
-int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp) {
+int64_t EventDataManager::Impl::insert(std::string id, std::string jsonData, double timeStamp,
+                                       std::shared_ptr<const store::RequestWriter> writer) {
   assertOnQueue();
   if (!db_) {
     changes_.noteDropped();
     return -1;
   }
   const int64_t pk = nextProvisionalKey_++;
-  changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp});
+  changes_.insert(Row{pk, std::move(id), std::move(jsonData), timeStamp, std::move(writer)});
   return pk;
 }
 
@@ -168,13 +195,20 @@ void EventDataManager::Impl::remove(int64_t pk, const std::string& id) {
     select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
     while (select.step() == sqlite::Statement::Step::row) {
       if (!changes_.isDeleted(select.columnInt64(0))) {
-        changes_.markDeleted(select.columnInt64(0));
-        return;
+        pk = select.columnInt64(0);
+        break;
       }
     }
-    return;
+    if (store::isProvisional(pk)) return;
   }
   if (changes_.isDeleted(pk)) return;
+  // Inside a transaction (a batch's answers, a burst) the commit follows within the same task,
+  // with nothing counting the queue in between: the delete is only noted, and the commit
+  // deletes them all in a few statements.
+  if (db_->inTransaction()) {
+    changes_.markDeleted(pk);
+    return;
+  }
   auto exists = db_->statement(store::kExists);
   exists.bind(1, pk);
   if (exists.step() == sqlite::Statement::Step::row) changes_.markDeleted(pk);
@@ -262,8 +296,9 @@ void EventDataManager::saveContextThen(Executor::Task afterSave) {
   impl_->saveContextThen(std::move(afterSave));
 }
 bool EventDataManager::hasChanges() const { return impl_->hasChanges(); }
-int64_t EventDataManager::insert(std::string id, std::string jsonData, double timeStamp) {
-  return impl_->insert(std::move(id), std::move(jsonData), timeStamp);
+int64_t EventDataManager::insert(std::string id, std::string jsonData, double timeStamp,
+                                 std::shared_ptr<const store::RequestWriter> writer) {
+  return impl_->insert(std::move(id), std::move(jsonData), timeStamp, std::move(writer));
 }
 void EventDataManager::remove(int64_t rowId, const std::string& id) { impl_->remove(rowId, id); }
 void EventDataManager::abandonAfterFork() { impl_->abandonAfterFork(); }

@@ -14,6 +14,9 @@
 namespace vntr {
 
 class VNTRSyncEvent;
+namespace store {
+class RequestWriter;
+}
 
 /// The on-device queue of pending event requests: one SQLite database
 /// ("requests_Data.sqlite" in the documents directory) owned by one serial queue.
@@ -99,8 +102,10 @@ class EventDataManager {
   void saveContextThen(Executor::Task afterSave);
   /// True while changes are pending.
   bool hasChanges() const;
-  /// Adds a request; returns its row id, or -1 when there is no store.
-  int64_t insert(std::string id, std::string jsonData, double timeStamp);
+  /// Adds a request; returns its row id, or -1 when there is no store. With a `writer`,
+  /// `jsonData` holds the request's parts, written out by it when the text is needed.
+  int64_t insert(std::string id, std::string jsonData, double timeStamp,
+                 std::shared_ptr<const store::RequestWriter> writer = nullptr);
   /// Deletes the request with this row id. A request handed out before its save still carries a
   /// provisional row id; the save's row is then found by its request `id`. Unknown ids are
   /// ignored.

@@ -17,7 +17,7 @@
 
 namespace vntr {
 
-class EventDataManager::Impl {
+class EventDataManager::Impl : public std::enable_shared_from_this<EventDataManager::Impl> {
  public:
   Impl(std::shared_ptr<Executor> queue, std::shared_ptr<const Clock> clock)
       : queue_(std::move(queue)), clock_(std::move(clock)) {}
@@ -36,7 +36,8 @@ class EventDataManager::Impl {
   void saveContext();
   void saveContextThen(Executor::Task afterSave);
   bool hasChanges() const { return changes_.hasChanges(); }
-  int64_t insert(std::string id, std::string jsonData, double timeStamp);
+  int64_t insert(std::string id, std::string jsonData, double timeStamp,
+                 std::shared_ptr<const store::RequestWriter> writer);
   void remove(int64_t pk, const std::string& id);
   void abandonAfterFork();
 
@@ -47,6 +48,11 @@ class EventDataManager::Impl {
  private:
   void assertOnQueue() const { assert(queue_->isCurrent()); }
   void reportOverflow();
+  // SQLite's write-ahead log hook, after each commit: asks for a checkpoint once the log holds
+  // kCheckpointPages pages. The checkpoint runs as a task of its own, so the commit that filled
+  // the log (a batch's answers, say) does not wait for it.
+  static int walCommitted(void* impl, sqlite3* db, const char* name, int pages);
+  void checkpoint();
   // Ends a transaction left open with nothing to save (a failed commit rolls back).
   void endTransaction() {
     if (db_ && db_->inTransaction() && !db_->exec("COMMIT")) db_->exec("ROLLBACK");
@@ -70,8 +76,9 @@ class EventDataManager::Impl {
   store::UnitOfWork changes_;
   std::vector<Executor::Task> afterSave_;
   bool batching_ = false;
-  bool inBurst_ = false;   // runBatched: the burst's transaction outlives the saves inside it
-  size_t burstSaves_ = 0;  // saves asked for since the burst began
+  bool inBurst_ = false;  // runBatched: the burst's transaction outlives the saves inside it
+  bool checkpointQueued_ = false;  // a checkpoint task is posted and has not run
+  size_t burstSaves_ = 0;          // saves asked for since the burst began
 
   std::atomic<int64_t> queuedBatched_{0};  // batched tasks posted and not yet started
 };

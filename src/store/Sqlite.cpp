@@ -29,7 +29,7 @@ bool Statement::bindText(int index, std::string_view value) {
     return false;
   }
   return sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
-                           SQLITE_TRANSIENT) == SQLITE_OK;
+                           SQLITE_STATIC) == SQLITE_OK;
 }
 
 bool Statement::bindBlob(int index, std::string_view value) {
@@ -39,7 +39,7 @@ bool Statement::bindBlob(int index, std::string_view value) {
   // A zero-length blob with a null pointer would be stored as NULL; keep it a blob.
   static constexpr char kEmpty = 0;
   const char* data = value.empty() ? &kEmpty : value.data();
-  return sqlite3_bind_blob(stmt_, index, data, static_cast<int>(value.size()), SQLITE_TRANSIENT) ==
+  return sqlite3_bind_blob(stmt_, index, data, static_cast<int>(value.size()), SQLITE_STATIC) ==
          SQLITE_OK;
 }
 
@@ -96,17 +96,16 @@ bool Database::exec(const char* sql) {
   return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-Statement Database::statement(std::string_view sql) {
-  if (const auto found = cache_.find(sql); found != cache_.end()) {
-    return Statement(db_, found->second);
+Statement Database::statement(const char* sql) {
+  for (const auto& [text, stmt] : cache_) {
+    if (text == sql) return Statement(db_, stmt);
   }
   sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
-                         &stmt, nullptr) != SQLITE_OK) {
+  if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
     sqlite3_finalize(stmt);
     return Statement(db_, nullptr);
   }
-  cache_.emplace(std::string(sql), stmt);
+  cache_.emplace_back(sql, stmt);
   return Statement(db_, stmt);
 }
 

@@ -4,7 +4,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -20,7 +21,8 @@ struct Error {
 
 /// One cached prepared statement, borrowed for a single use. Binds values by parameter
 /// position (1-based); the destructor resets the statement and clears its bindings, so the next
-/// user starts clean. SQL text is always fixed: values go in through the bind calls only.
+/// user starts clean. SQL text is always fixed: values go in through the bind calls only. Bound
+/// text and blobs are not copied: they must stay unchanged while the statement is borrowed.
 class Statement {
  public:
   enum class Step { row, done, error };
@@ -66,8 +68,9 @@ class Database {
   /// Runs fixed SQL that takes no values (schema, pragmas, transaction control).
   bool exec(const char* sql);
   /// The cached statement for the fixed text `sql`, prepared on first use. Check it with
-  /// `operator bool`: a statement that cannot be prepared yields an empty one.
-  Statement statement(std::string_view sql);
+  /// `operator bool`: a statement that cannot be prepared yields an empty one. Statements are
+  /// cached by the address of their text: pass string constants only.
+  Statement statement(const char* sql);
 
   /// The error of the most recent failing call on this connection.
   Error lastError() const;
@@ -84,14 +87,10 @@ class Database {
  private:
   explicit Database(sqlite3* db) : db_(db) {}
 
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-  };
-
   sqlite3* db_;
   bool durable_ = true;  // SQLite's default, synchronous=FULL
-  std::unordered_map<std::string, sqlite3_stmt*, Hash, std::equal_to<>> cache_;
+  // A dozen statements, looked up several times per event: a short list beats hashing the text.
+  std::vector<std::pair<const char*, sqlite3_stmt*>> cache_;
 };
 
 }  // namespace vntr::sqlite

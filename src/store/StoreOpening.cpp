@@ -32,6 +32,9 @@ bool prepareStoreFile(const std::filesystem::path& path) {
 bool prepareDatabase(sqlite::Database& db, bool onDisk) {
   sqlite3_busy_timeout(db.handle(), 2000);
   if (onDisk) {
+    // A new file gets 8 KiB pages (an existing one keeps its own): a request is about 600 bytes,
+    // and pages that hold twice as many split half as often and make a shallower tree.
+    db.exec("PRAGMA page_size=8192");
     {
       auto mode = db.statement("PRAGMA journal_mode=WAL");
       if (!mode || mode.step() != sqlite::Statement::Step::row) return false;
@@ -43,6 +46,10 @@ bool prepareDatabase(sqlite::Database& db, bool onDisk) {
     // 10,000 queued a larger cache stored no faster and held 1.5 MiB more. With 100,000 queued
     // random ids miss more often (the rest of the index sits in the kernel's page cache).
     db.exec("PRAGMA cache_size=-512");
+    // Debian builds SQLite to zero every deleted byte, about 2,000 instructions per answered
+    // request here. A deleted request is one the server has, in a file only its owner reads, and
+    // the space is soon reused by the next ones: SQLite's own default is kept instead.
+    db.exec("PRAGMA secure_delete=OFF");
     auto check = db.statement("PRAGMA quick_check");
     if (!check || check.step() != sqlite::Statement::Step::row || check.columnText(0) != "ok") {
       return false;

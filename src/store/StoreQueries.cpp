@@ -31,7 +31,8 @@ std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
       }
       const int64_t pk = select.columnInt64(0);
       if (changes_.isDeleted(pk)) continue;
-      rows.push_back(Row{pk, select.columnText(1), select.columnBlob(2), select.columnDouble(3)});
+      rows.push_back(
+          Row{pk, select.columnText(1), select.columnBlob(2), select.columnDouble(3), nullptr});
     }
   }
   if (!changes_.inserted().empty()) {
@@ -50,7 +51,7 @@ std::vector<Row> EventDataManager::Impl::newest(int64_t count, bool& failed) {
           j == pending.size() ||
           (i < rows.size() &&
            store::newerThan(rows[i].timeStamp, rows[i].pk, pending[j]->timeStamp, pending[j]->pk));
-      merged.push_back(takeSaved ? std::move(rows[i++]) : *pending[j++]);
+      merged.push_back(takeSaved ? std::move(rows[i++]) : pending[j++]->written());
       if (!all && static_cast<int64_t>(merged.size()) == count) break;
     }
     rows = std::move(merged);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace vntr::store {
 
@@ -28,24 +31,75 @@ inline constexpr const char* kExists = "SELECT 1 FROM SyncEvent WHERE pk = ?1";
 // pick the same one.
 inline constexpr const char* kInsert =
     "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES (?1, ?2, ?3)";
-inline constexpr const char* kDelete = "DELETE FROM SyncEvent WHERE pk = ?1";
+// A commit writes many rows per statement: each statement run opens and frees its cursors (this
+// SQLite has no lookaside memory), which cost about as much as a row.
+inline constexpr size_t kRowsPerInsert = 16;
+inline constexpr size_t kRowsPerDelete = 64;
+namespace detail {
+inline std::string repeated(std::string_view head, std::string_view item, std::string_view tail,
+                            size_t count) {
+  std::string text(head);
+  for (size_t i = 0; i < count; ++i) (text += i > 0 ? "," : "") += item;
+  return text += tail;
+}
+// Built once and never freed: statements are cached by the address of their text.
+inline const std::string& insertManyText() {
+  static const auto* const text = new std::string(repeated(
+      "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES ", "(?,?,?)", "", kRowsPerInsert));
+  return *text;
+}
+inline const std::string& deleteManyText() {
+  static const auto* const text =
+      new std::string(repeated("DELETE FROM SyncEvent WHERE pk IN (", "?", ")", kRowsPerDelete));
+  return *text;
+}
+}  // namespace detail
+inline const char* const kInsertMany = detail::insertManyText().c_str();
+inline const char* const kDeleteMany = detail::deleteManyText().c_str();
 
 /// Every statement above that reads or writes rows; a database where one of them does not
 /// prepare is not ours.
-inline constexpr const char* kRowStatements[] = {
-    kSelectNewest, kSelectOldest, kSelectOlderThan, kCount, kSelectById, kExists, kInsert, kDelete};
+inline const char* const kRowStatements[] = {kSelectNewest, kSelectOldest, kSelectOlderThan,
+                                             kCount,        kSelectById,   kExists,
+                                             kInsert,       kInsertMany,   kDeleteMany};
 
 /// Unsaved inserts get keys from here upwards until their save gives them a row id; being
 /// negative they never meet one.
 inline constexpr int64_t kFirstProvisionalKey = INT64_MIN / 2;
 inline bool isProvisional(int64_t pk) { return pk < 0; }
 
+/// Writes a request's JSON text from the parts that differ from one request to the next; one
+/// is shared by every request built from the same device facts. A request waiting for its save
+/// keeps only its parts, about a fifth of its text, and is written out when the save (or a
+/// batch) needs it.
+class RequestWriter {
+ public:
+  virtual ~RequestWriter() = default;
+  /// Appends the text made from `parts` to `out`.
+  virtual void write(std::string_view parts, std::string& out) const = 0;
+};
+
 /// One stored request as the table holds it (`pk` provisional while unsaved).
 struct Row {
   int64_t pk = 0;
   std::string id;
-  std::string jsonData;
+  std::string jsonData;  // the request's text, or its parts while `writer` is set
   double timeStamp = 0;
+  std::shared_ptr<const RequestWriter> writer;
+
+  /// The request's text; `buffer` holds it when it is written out from parts.
+  std::string_view text(std::string& buffer) const {
+    if (!writer) return jsonData;
+    buffer.clear();
+    writer->write(jsonData, buffer);
+    return buffer;
+  }
+  /// The row with its text written out.
+  Row written() const {
+    std::string buffer;
+    const auto full = text(buffer);
+    return Row{pk, id, writer ? std::move(buffer) : std::string(full), timeStamp, nullptr};
+  }
 };
 
 /// Queue order: by creation time, then by insertion (an unsaved insert came after every saved

@@ -18,8 +18,8 @@ namespace vntr::store {
 /// transaction. Confined to the store queue, like the connection.
 class UnitOfWork {
  public:
-  /// Unsaved inserts kept while saves keep failing (a full disk): about 15 MB of typical
-  /// requests. Past it the oldest go first, as the start-up trim would drop them anyway; they
+  /// Unsaved inserts kept while saves keep failing (a full disk): a few MB of typical requests,
+  /// kept as parts. Past it the oldest go first, as the start-up trim would drop them anyway; they
   /// are counted, and the store logs the count.
   static constexpr size_t kMaxPendingInserts = 10000;
 
@@ -45,12 +45,15 @@ class UnitOfWork {
   /// How many unsaved inserts went over kMaxPendingInserts since the last call; resets it.
   size_t takeOverflowed() { return std::exchange(overflowed_, 0); }
 
-  /// Writes the changes in one transaction (joining one a burst has begun). On failure fills
-  /// `error`, rolls back and keeps the changes; on success forgets them.
+  /// Writes the changes in one transaction (joining one a burst has begun), many rows per
+  /// statement. On failure fills `error`, rolls back and keeps the changes (deletes of rows that
+  /// are gone meanwhile excepted); on success forgets them.
   bool commit(sqlite::Database& db, sqlite::Error& error);
 
  private:
   void dropInsert(std::deque<Row>::iterator row);
+  // After a failed commit: drops pending deletes of rows that are not there.
+  void forgetVanishedDeletes(sqlite::Database& db);
 
   std::deque<Row> inserted_;
   std::unordered_multiset<std::string> insertedIds_;

@@ -2,6 +2,7 @@
 
 #include "core/Extensions.hpp"
 #include "core/VNTRDebug.hpp"
+#include "transport/PlainAnswerScanner.hpp"
 
 namespace vntr {
 
@@ -38,7 +39,7 @@ class AnswerReader final : public nlohmann::json_sax<nlohmann::json> {
   bool topIsContainer() const { return topIsContainer_; }
   bool envelopeUsable() const { return topIsArray_ && entriesAreObjects_; }
   /// Every entry in order; unusable ones as nothing.
-  std::vector<std::optional<VNTRRemoteResponse>>& entries() { return entries_; }
+  detail::AnswerEntries& entries() { return entries_; }
 
   bool null() override {
     return value([] { return json(nullptr); });
@@ -178,13 +179,36 @@ class AnswerReader final : public nlohmann::json_sax<nlohmann::json> {
   VNTRRemoteResponse entry_;
   std::optional<Builder> capture_;  // building a "result" or "error" object
   int captureDepth_ = 0;
-  std::vector<std::optional<VNTRRemoteResponse>> entries_;
+  detail::AnswerEntries entries_;
 };
 
 }  // namespace
 
+namespace {
+
+VNTRRequestResponse fromEntries(detail::AnswerEntries& entries) {
+  VNTRRequestResponse response;
+  response.methodResponses.reserve(entries.size());
+  for (auto& entry : entries) {
+    if (entry) {
+      response.methodResponses.push_back(std::move(*entry));
+    } else {
+      Debug(VantrelLogLevel::warning,
+            "Unable to create remote Response Object for single response.");
+    }
+  }
+  return response;
+}
+
+}  // namespace
+
 std::optional<VNTRRequestResponse> VNTRRequestResponse::make(std::string_view data) {
-  if (data.size() > kMaxBodyBytes || !jsonNestingWithin(data, kMaxDepth)) {
+  if (data.size() > kMaxBodyBytes) {
+    logNotSerializable();
+    return std::nullopt;
+  }
+  if (auto entries = detail::scanPlainAnswer(data, kMaxDepth)) return fromEntries(*entries);
+  if (!jsonNestingWithin(data, kMaxDepth)) {
     logNotSerializable();
     return std::nullopt;
   }
@@ -199,17 +223,7 @@ std::optional<VNTRRequestResponse> VNTRRequestResponse::make(std::string_view da
           "Remote Response is not an array of dictionaries, therefore not usable");
     return std::nullopt;
   }
-  VNTRRequestResponse response;
-  response.methodResponses.reserve(reader.entries().size());
-  for (auto& entry : reader.entries()) {
-    if (entry) {
-      response.methodResponses.push_back(std::move(*entry));
-    } else {
-      Debug(VantrelLogLevel::warning,
-            "Unable to create remote Response Object for single response.");
-    }
-  }
-  return response;
+  return fromEntries(reader.entries());
 }
 
 }  // namespace vntr

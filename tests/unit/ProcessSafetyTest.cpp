@@ -78,7 +78,8 @@ TEST(ProcessSafety, unsavedInsertsAreBoundedAndTheDroppedOnesCounted) {
   const int64_t extra = 7;
   const auto total = static_cast<int64_t>(store::UnitOfWork::kMaxPendingInserts) + extra;
   for (int64_t n = 0; n < total; ++n) {
-    changes.insert(store::Row{store::kFirstProvisionalKey + n, "id" + std::to_string(n), "{}", 0});
+    changes.insert(
+        store::Row{store::kFirstProvisionalKey + n, "id" + std::to_string(n), "{}", 0, nullptr});
   }
   EXPECT_EQ(changes.inserted().size(), store::UnitOfWork::kMaxPendingInserts);
   EXPECT_EQ(changes.inserted().front().id, "id" + std::to_string(extra));  // the oldest went

@@ -4,6 +4,7 @@
 
 #include "core/Extensions.hpp"
 #include "support/TestSupport.hpp"
+#include "transport/PlainAnswerScanner.hpp"
 #include "transport/HTTPMockClient.hpp"
 #include "transport/VNTRRequestResponse.hpp"
 
@@ -60,6 +61,81 @@ TEST(VNTRRequestResponse, readsEntriesAsTheWholeDocumentWouldSkippingUnusableOne
   EXPECT_EQ(log.lines(),
             std::vector<std::string>(
                 5, "[Warning] Unable to create remote Response Object for single response."));
+}
+
+// Numbers compare equal across their kinds in nlohmann::json; the kind matters here.
+bool sameTyped(const nlohmann::json& a, const nlohmann::json& b) {
+  if (a.type() != b.type() || a.size() != b.size()) return false;
+  if (a.is_object()) {
+    for (auto it = a.begin(); it != a.end(); ++it) {
+      if (!b.contains(it.key()) || !sameTyped(*it, b.at(it.key()))) return false;
+    }
+    return true;
+  }
+  if (a.is_array()) {
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (!sameTyped(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+// The quick reader takes the plain answers servers send and gives exactly the entries of the
+// document read whole; anything else, valid or not, it leaves to the general reader.
+TEST(VNTRRequestResponse, quickReaderGivesTheWholeDocumentsEntriesOrLeavesIt) {
+  const std::string deep =
+      "[{\"id\":\"d\",\"result\":" + std::string(6, '[') + std::string(6, ']') + "}]";
+  struct Case {
+    std::string body;
+    bool plain;
+  } const cases[] = {
+      {" [ ] ", true},
+      {R"([{"id":"a","result":{"status":"ok"}}, {"id":"b","error":{"code":-32000}}])", true},
+      {R"([{"id":7,"id":"g","result":{"x":[1,-2,0,-0,true,false,null,"s",{"k":"v","k":"w"}]},
+           "error":1}, {"result":{}}, {"id":"c"}, {"id":"d","result":[],"error":{}}, {}])",
+       true},
+      {R"([{"x":{"id":"no","result":{}},"id":"n","result":{"n":123456789012345678}}])", true},
+      {R"({"id":"a","result":{}})", false},                           // not an array
+      {R"([1])", false},                                              // not an object
+      {R"([{"id":"\u0061","result":{}}])", false},                    // an escape
+      {"[{\"id\":\"\xc3\xa9\",\"result\":{}}]", false},               // not ASCII
+      {R"([{"id":"a","result":{"p":1.5,"q":1e3}}])", false},          // not an integer
+      {R"([{"id":"a","result":{"n":1234567890123456789}}])", false},  // 19 digits
+      {R"([{"id":"a",}])", false},
+      {R"([{"id":"a"}] x)", false},
+      {"[", false},
+      {R"([{"id":"a","result":{"n":01}}])", false},
+      {R"([{"id":"a","result":tru}])", false},
+      {deep, false},  // deeper than 6
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.body);
+    const auto quick = detail::scanPlainAnswer(c.body, 6);
+    ASSERT_EQ(quick.has_value(), c.plain);
+    if (!quick) continue;
+    const auto document = nlohmann::json::parse(c.body);
+    ASSERT_EQ(quick->size(), document.size());
+    for (size_t i = 0; i < document.size(); ++i) {
+      const auto whole = VNTRRemoteResponse::make(document[i]);
+      const auto& entry = (*quick)[i];
+      ASSERT_EQ(entry.has_value(), whole.has_value());
+      if (!entry) continue;
+      EXPECT_EQ(entry->id, whole->id);
+      EXPECT_TRUE(
+          sameTyped(entry->remoteResult.value_or(nullptr), whole->remoteResult.value_or(nullptr)));
+      EXPECT_TRUE(
+          sameTyped(entry->remoteError.value_or(nullptr), whole->remoteError.value_or(nullptr)));
+    }
+  }
+}
+
+TEST(VNTRRequestResponse, emptyArrayIsAnAnswerWithNoEntriesAndNoLog) {
+  test::CapturingLog log;
+  const auto response = VNTRRequestResponse::make("[]");
+  ASSERT_TRUE(response);
+  EXPECT_TRUE(response->methodResponses.empty());
+  EXPECT_TRUE(log.lines().empty());
 }
 
 // Request members are written without building JSON values; the text must be what dump() writes,

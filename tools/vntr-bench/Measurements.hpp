@@ -197,9 +197,9 @@ int64_t queuedRequests();
 int64_t threadCpuNanos(const std::string& name);
 long connectionsOpened();
 
-/// Per-call times of fireEvents on the callers' threads, in nanoseconds.
+/// Per-call times of fireEvents on the callers' threads, in nanoseconds, by sequence number.
 struct Firing {
-  std::vector<int64_t> callNanos;
+  std::vector<uint32_t> callNanos;
   SteadyClock::time_point start, end;  // first call started, last call returned
 };
 
@@ -208,7 +208,8 @@ struct Firing {
 // of the events reported stored (`stored()`), as a host firing at a sustainable rate would.
 Firing fire(int64_t events, int threads, int64_t pace, const std::function<int64_t()>& stored);
 
-json callFigures(const Firing& firing);
+/// The figures of `firing`; sorts its call times.
+json callFigures(Firing& firing);
 
 /// The library's own share of the batch cycles so far, from the requester's clock: the handling
 /// of each reply until the next timer is armed, and each expiry until the request leaves.

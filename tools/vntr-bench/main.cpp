@@ -150,8 +150,8 @@ json deliveryFigures(SandboxHandle& server, int64_t events, int64_t extra) {
 json runDelivery(const Options& o, SandboxHandle& server, BenchDelegate& delegate, bool& ok) {
   delegate.watch(VNTRStatistic::eventCreated, o.events);
   delegate.watch(VNTRStatistic::eventResultProcessed, o.events);
-  const Firing firing = fire(o.events, o.threads, o.pace,
-                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  Firing firing = fire(o.events, o.threads, o.pace,
+                       [&] { return delegate.total(VNTRStatistic::eventCreated); });
   const auto deadline = deadlineFor(o.events);
   const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadline);
   const int64_t storeCpu = threadCpuNanos("VNTRStore");
@@ -199,8 +199,8 @@ json runBacklog(const Options& o, SandboxHandle& server, BenchDelegate& delegate
   }
   VNTRTagManager::updateReachabilityFlags(0);
   delegate.watch(VNTRStatistic::eventCreated, o.events + 1);
-  const Firing firing = fire(o.events, o.threads, o.pace,
-                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  Firing firing = fire(o.events, o.threads, o.pace,
+                       [&] { return delegate.total(VNTRStatistic::eventCreated); });
   const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadlineFor(o.events));
   if (!stored) return {{"mode", "backlog"}, {"error", "the backlog was not stored"}};
   const int64_t queued = queuedRequests();
@@ -254,8 +254,8 @@ json runBacklog(const Options& o, SandboxHandle& server, BenchDelegate& delegate
 // a few batches sent from the large queue.
 json runQueued(const Options& o, SandboxHandle& server, BenchDelegate& delegate, bool& ok) {
   delegate.watch(VNTRStatistic::eventCreated, o.events);
-  const Firing firing = fire(o.events, o.threads, o.pace,
-                             [&] { return delegate.total(VNTRStatistic::eventCreated); });
+  Firing firing = fire(o.events, o.threads, o.pace,
+                       [&] { return delegate.total(VNTRStatistic::eventCreated); });
   const auto stored = delegate.wait(VNTRStatistic::eventCreated, deadlineFor(o.events));
   const int64_t storeCpu = threadCpuNanos("VNTRStore");
   const int64_t afterIntake = peakRssKiB();
