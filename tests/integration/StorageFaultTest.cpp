@@ -102,47 +102,46 @@ TEST(StorageFaults, failedSavesKeepTheRequestsInMemoryUntilASaveSucceeds) {
 }
 
 // Three launches over one data directory. The first saves three requests. The second cannot open
-// the store while `fault` holds: it goes to memory for that launch (both failure lines), carries
-// on sending what it records, and leaves the file alone. The third finds the first's requests.
-void expectAMemoryStoreForOneLaunch(const fs::path& root, const Fault& fault) {
-  CapturingLog log;
-  const HostLayout layout(root);
-  Harness({.root = root}).fire(3);
-  {
-    const auto held = fault(layout);
-    Harness app({.root = root});
-    app.nextSeq = 100;
-    app.fire(1);
-    EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::memory);
-    app.sendBatch();
-    EXPECT_EQ(app.transport->batches(), 1u);
-    EXPECT_EQ(app.storedCount(), 0);
-  }
-  EXPECT_EQ(log.count(kOpenFailed), 1u);
-  EXPECT_EQ(log.count(kRecreateFailed), 1u);
-  Harness app({.root = root});
-  EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::sqlite);
-  const StoreContents contents = readStore(layout.store);
-  EXPECT_EQ(contents.integrity, "ok");
-  EXPECT_EQ(contents.sequences, (std::set<int64_t>{0, 1, 2}));
-}
-
-TEST(StorageFaults, aReadOnlyDataDirectoryFallsBackToMemoryAndKeepsTheFileForLater) {
+// the store while the fault holds (a data directory it may not write, or another connection holding
+// the store exclusively): it goes to memory for that launch (both failure lines), carries on
+// sending what it records, and leaves the file alone. The third finds the first's requests.
+TEST(StorageFaults, aStoreThatCannotBeOpenedFallsBackToMemoryAndKeepsTheFileForLater) {
   // Root ignores file modes: run as root, the test runs again as "nobody".
-  if (::geteuid() == 0 && rerunCurrentTestAs(65534)) return;
-  TempDir dir;
-  expectAMemoryStoreForOneLaunch(dir.path(), [](const HostLayout& layout) {
-    ::chmod(layout.documents.c_str(), 0500);
-    return std::shared_ptr<void>(nullptr,
-                                 [dir = layout.documents](void*) { ::chmod(dir.c_str(), 0700); });
-  });
-}
-
-TEST(StorageFaults, aStoreHeldExclusivelyFallsBackToMemoryAndKeepsTheFileForLater) {
-  TempDir dir;
-  expectAMemoryStoreForOneLaunch(dir.path(), [](const HostLayout& layout) {
-    return std::make_shared<StoreLock>(layout.store, true);
-  });
+  if (::geteuid() == 0 && rerunCurrentTest({}, 65534)) return;
+  const std::pair<const char*, Fault> rows[] = {
+      {"read-only data directory",
+       [](const HostLayout& layout) {
+         ::chmod(layout.documents.c_str(), 0500);
+         return std::shared_ptr<void>(
+             nullptr, [dir = layout.documents](void*) { ::chmod(dir.c_str(), 0700); });
+       }},
+      {"store held exclusively",
+       [](const HostLayout& layout) { return std::make_shared<StoreLock>(layout.store, true); }},
+  };
+  for (const auto& [name, fault] : rows) {
+    SCOPED_TRACE(name);
+    TempDir dir;
+    CapturingLog log;
+    const HostLayout layout(dir.path());
+    Harness({.root = dir.path()}).fire(3);
+    {
+      const auto held = fault(layout);
+      Harness app({.root = dir.path()});
+      app.nextSeq = 100;
+      app.fire(1);
+      EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::memory);
+      app.sendBatch();
+      EXPECT_EQ(app.transport->batches(), 1u);
+      EXPECT_EQ(app.storedCount(), 0);
+    }
+    EXPECT_EQ(log.count(kOpenFailed), 1u);
+    EXPECT_EQ(log.count(kRecreateFailed), 1u);
+    Harness app({.root = dir.path()});
+    EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::sqlite);
+    const StoreContents contents = readStore(layout.store);
+    EXPECT_EQ(contents.integrity, "ok");
+    EXPECT_EQ(contents.sequences, (std::set<int64_t>{0, 1, 2}));
+  }
 }
 
 }  // namespace

@@ -166,11 +166,17 @@ LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions o
   runtime_ = std::make_unique<Runtime>(std::move(runtimeOptions));
 
   // Made now rather than by the first event, so the pacing is in place before anything fires.
-  auto& requester = runtime_->requester();
-  if (options.batchIntervalMs) requester.setBatchInterval(*options.batchIntervalMs);
-  if (options.firstBatchDelayMs) {
-    requester.nextBatchInterval.store(static_cast<double>(*options.firstBatchDelayMs) / 1000.0);
+  if (options.batchIntervalMs) {
+    auto& requester = runtime_->requester();
+    requester.setBatchInterval(*options.batchIntervalMs);
+    requester.nextBatchInterval.store(static_cast<double>(*options.batchIntervalMs) / 1000.0);
   }
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
+}
+
+LiveRuntime::~LiveRuntime() {
+  runtime_.reset();
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
 void LiveRuntime::fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,

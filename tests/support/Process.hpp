@@ -51,9 +51,6 @@ class ChildProcess {
 ChildProcess::Options command(std::vector<std::string> arguments,
                               std::filesystem::path stderrFile = {});
 
-/// "exited with 0", "exited with 3", "killed by signal 6": for failure messages.
-std::string describeWaitStatus(int status);
-
 /// How a child run to its end went: its wait status (-1: still running at the timeout, then
 /// killed) and what it wrote to its output files.
 struct Ended {
@@ -68,9 +65,11 @@ Ended runToEnd(const ChildProcess::Options& options, std::chrono::seconds timeou
 /// or ThreadSanitizer.
 bool hasSanitizerReport(const std::string& text);
 
-/// Runs the current test again, as user `uid`, in a copy of this program that user can reach,
-/// and records its outcome as this test's; false when it could not be run.
-bool rerunCurrentTestAs(uid_t uid);
+/// Runs the current test again in a copy of this program any user can reach, started through
+/// `launcher` (a program and its first arguments, such as unshare; none: directly), as user
+/// `runAs` if given, with VNTR_RERUN=1 in its environment; records its outcome as this test's.
+/// False when it could not be run.
+bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> runAs = {});
 
 /// The largest count the child wrote to its report file (one decimal number per line; an
 /// unfinished last line is ignored, as the child may have been killed while writing it).

@@ -189,14 +189,6 @@ void RecordingDelegate::clear() {
   calls_.clear();
 }
 
-InstalledCounter::InstalledCounter() : delegate_(std::make_shared<RecordingDelegate>(false)) {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
-}
-
-InstalledCounter::~InstalledCounter() {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
-}
-
 LoopbackServer::LoopbackServer(const std::function<void(httplib::Server&)>& routes,
                                const SelfSignedCertificate* tls) {
   if (tls != nullptr) {

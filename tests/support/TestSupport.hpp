@@ -59,7 +59,8 @@ class TempDir {
 };
 
 /// Installs a logging callback that records every message (or drops them all, when `keep` is
-/// false); restores the default on destruction. A keeping log sets the level to verbose meanwhile.
+/// false, for tests that cause thousands on purpose); restores the default on destruction. A
+/// keeping log sets the level to verbose meanwhile.
 class CapturingLog {
  public:
   explicit CapturingLog(bool keep = true);
@@ -76,12 +77,6 @@ class CapturingLog {
   std::mutex mutex_;
   std::vector<std::string> lines_;
   VantrelLogLevel previousLevel_;
-};
-
-/// Drops every log message while it lives (for tests that cause thousands on purpose).
-class QuietLog : public CapturingLog {
- public:
-  QuietLog() : CapturingLog(false) {}
 };
 
 /// Waits until every task already posted to the main queue has run.
@@ -143,20 +138,6 @@ class RecordingDelegate final : public VNTRTagManagerDelegate {
   std::array<std::atomic<int64_t>, 10> totals_{};
   mutable std::mutex mutex_;
   std::vector<int64_t> calls_;  // guarded by mutex_
-};
-
-/// A RecordingDelegate (totals only) installed as the process's delegate while this lives.
-class InstalledCounter {
- public:
-  InstalledCounter();
-  ~InstalledCounter();
-  InstalledCounter(const InstalledCounter&) = delete;
-  InstalledCounter& operator=(const InstalledCounter&) = delete;
-  int64_t operator[](VNTRStatistic statistic) const { return (*delegate_)[statistic]; }
-  int64_t finishedBatches() const { return delegate_->finishedBatches(); }
-
- private:
-  std::shared_ptr<RecordingDelegate> delegate_;
 };
 
 /// A certificate and key made at test time by the openssl program.
