@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 Ended runFireChild(const fs::path& root, const std::string& serverURL, int64_t count,
                    const std::string& how, std::string& report) {
   writeSiteID(root / "bundle");
-  auto options = command({faultChildProgram(), "fire", root.string(), serverURL,
+  auto options = command({faultChildProgram(), "fire", root.string(), serverURL, "0",
                           (root / "report").string(), std::to_string(count), how},
                          root / "stderr");
   options.stdoutFile = root / "stdout";
