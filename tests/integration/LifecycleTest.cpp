@@ -5,12 +5,9 @@
 
 #include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
-#include "facade/TagManagerCore.hpp"
-#include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
 #include "support/Process.hpp"
-#include "support/TestSupport.hpp"
 
 namespace vntr::test {
 namespace {
@@ -167,36 +164,23 @@ TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
 // returns while neither library queue can run at all.
 TEST(Lifecycle, theFirstCallDoesNotWaitForStartUp) {
   TempDir dir;
-  const auto paths = HostLayout(dir.path()).paths();
-  writeSiteID(paths.mainBundleDirectory);
-  auto defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
-  defaults->setString("IABConsent_SubjectToGDPR", "0");
   auto storeQueue = std::make_shared<SerialExecutor>("TestStore");
   auto mainQueue = std::make_shared<SerialExecutor>("TestMain");
   std::promise<void> release;
   const auto blocked = release.get_future().share();
   for (auto& queue : {storeQueue, mainQueue}) queue->post([blocked] { blocked.wait(); });
-  RuntimeOptions options;
-  options.mainQueue = mainQueue;
-  options.storeQueue = storeQueue;
-  options.paths = paths;
-  options.facts = std::make_shared<FakeFacts>();
-  options.userDefaults = defaults;
-  options.reachabilitySource = VNTRReachability::Source::host;
-  options.consentCheckURL = "http://127.0.0.1:9/gdpr/check/json/current";
-  Runtime runtime(std::move(options));
+  LiveRuntime app(
+      dir.path(),
+      {.batchIntervalMs = std::nullopt, .mainQueue = mainQueue, .storeQueue = storeQueue});
   std::atomic<bool> returned{false};
   std::thread host([&] {
-    runtime.tagManager().fireEvents({"first"}, "launch", nlohmann::json::object(),
-                                    VNTREventPriority::high, true);
+    app.fireEvents({"first"}, "launch");
     returned = true;
   });
   EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for start-up";
   release.set_value();
   host.join();
-  int64_t stored = 0;
-  runtime.store().performAndWait([&] { stored = runtime.store().count(); });
-  EXPECT_EQ(stored, 1);
+  EXPECT_EQ(app.storedCount(), 1);
 }
 
 }  // namespace

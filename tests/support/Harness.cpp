@@ -155,8 +155,10 @@ LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions o
   if (options.notSubjectToGdpr) defaults_->setString("IABConsent_SubjectToGDPR", "0");
 
   RuntimeOptions runtimeOptions;
-  runtimeOptions.mainQueue = std::make_shared<SerialExecutor>("TestMain");
-  runtimeOptions.storeQueue = std::make_shared<SerialExecutor>("TestStore");
+  runtimeOptions.mainQueue =
+      options.mainQueue ? options.mainQueue : std::make_shared<SerialExecutor>("TestMain");
+  runtimeOptions.storeQueue =
+      options.storeQueue ? options.storeQueue : std::make_shared<SerialExecutor>("TestStore");
   runtimeOptions.paths = layout.paths();
   runtimeOptions.facts = std::make_shared<FakeFacts>();
   runtimeOptions.userDefaults = defaults_;

@@ -114,6 +114,8 @@ struct LiveRuntimeOptions {
   /// a server answer changes it, so tests need not sit through the 2 s default. Nothing: the
   /// requester is left to the first event to make.
   std::optional<int64_t> batchIntervalMs = 100;
+  /// The runtime's queues; nothing: serial queues of its own.
+  std::shared_ptr<Executor> mainQueue = nullptr, storeQueue = nullptr;
 };
 
 /// A runtime as an application has it, but private to a test: its own main and store queues on
