@@ -160,16 +160,16 @@ TEST_F(ProcessFaults, aKilledHostKeepsEverySavedRequestUntilALaterLaunchSendsIt)
 // no sanitizer report.
 TEST_F(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequests) {
   server.setBatchInterval(1000);
-  std::unique_ptr<UntrustedTLSServer> tls;
+  std::unique_ptr<LoopbackServer> tls;
   const auto certificate = makeSelfSignedCertificate(dir.path());
-  if (certificate) tls = std::make_unique<UntrustedTLSServer>(*certificate);
+  if (certificate) tls = std::make_unique<LoopbackServer>([](auto&) {}, &*certificate);
   std::mt19937 random = seeded();
   const char* points[] = {"start", "inflight", "timer", "random"};
   // Eight rounds hold each way of ending at each point once; two of them run over TLS.
   for (int round = 0; round < scaled(24, 8) && !testing::Test::HasFailure(); ++round) {
     const std::string how = round % 2 == 0 ? "return" : "exit";
     const std::string point = points[(round / 2) % 4];
-    const bool overTLS = tls && tls->running() && round % 4 == 3;
+    const bool overTLS = tls && tls->port() > 0 && round % 4 == 3;
     SCOPED_TRACE("round " + std::to_string(round) + ": " + how + " at " + point +
                  (overTLS ? " over TLS" : ""));
     server.setFaults({.delayMs = 20 + static_cast<int>(random() % 100)});
@@ -177,7 +177,7 @@ TEST_F(ProcessFaults, aHostEndingWhileTheLibraryWorksExitsCleanlyAndKeepsItsRequ
     writeSiteID(own.bundle);
     const int64_t firstSeq = int64_t{round} * 1'000'000;
     auto options = hostProgram("exit", firstSeq, {how, point, std::to_string(random())}, &own,
-                               overTLS ? tls->url() : "");
+                               overTLS ? tls->url("/tags") : "");
     if (overTLS) {
       const std::string cert = certificate->certificate, certDir = dir.path().string();
       options.environment.insert(options.environment.end(),

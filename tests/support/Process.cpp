@@ -245,18 +245,4 @@ std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& d
   return files;
 }
 
-UntrustedTLSServer::UntrustedTLSServer(const SelfSignedCertificate& certificate)
-    : server_(
-          [this](httplib::Server& server) {
-            const auto answer = [this](const char* body) {
-              return [this, body](const httplib::Request&, httplib::Response& res) {
-                requests_.fetch_add(1);
-                res.set_content(body, "application/json");
-              };
-            };
-            server.Post("/tags", answer("[]"));
-            server.Get("/gdpr/check/json/current", answer(R"({"needs_consent":false})"));
-          },
-          &certificate) {}
-
 }  // namespace vntr::test

@@ -100,19 +100,4 @@ class EventLedger {
 /// Nothing when the openssl program is missing or fails.
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const std::filesystem::path& dir);
 
-/// An HTTPS server on 127.0.0.1 with a certificate no client trusts; counts the requests that
-/// got through (none should).
-class UntrustedTLSServer {
- public:
-  explicit UntrustedTLSServer(const SelfSignedCertificate& certificate);
-  bool running() const { return server_.port() > 0; }
-  int port() const { return server_.port(); }
-  std::string url(const std::string& path = "/tags") const { return server_.url(path); }
-  int64_t requests() const { return requests_.load(); }
-
- private:
-  std::atomic<int64_t> requests_{0};
-  LoopbackServer server_;  // last: stopped before the counter goes
-};
-
 }  // namespace vntr::test

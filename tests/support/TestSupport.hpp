@@ -147,6 +147,7 @@ struct SelfSignedCertificate {
 
 /// An HTTP server (HTTPS with `tls`) on 127.0.0.1, port picked by the OS, serving on a thread of
 /// its own; the routes are set up by `routes` before it starts. Its port is 0 if it could not.
+/// Counts the requests it read (with a certificate no client trusts, none should get through).
 class LoopbackServer {
  public:
   explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes,
@@ -154,8 +155,10 @@ class LoopbackServer {
   ~LoopbackServer();
   int port() const { return port_; }
   std::string url(const std::string& path) const;
+  int64_t requests() const { return requests_.load(); }
 
  private:
+  std::atomic<int64_t> requests_{0};
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
   int port_ = 0;
