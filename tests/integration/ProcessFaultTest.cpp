@@ -1,7 +1,7 @@
 // Hosts in processes of their own (tests/integration/FaultChild.cpp): killed or ending while the
 // library works, the store must stay sound and keep every saved request that was not answered;
 // several on one data directory, or forked, deliver every request once, and none is held up by
-// another one's death.
+// another one's death; ending right after firing, or through flush and shutdown, loses nothing.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -46,6 +46,7 @@ struct Processes : testing::Test {
                                        reportOf(mode, firstSeq).string()};
     arguments.insert(arguments.end(), more.begin(), more.end());
     auto options = command(arguments, reportOf(mode, firstSeq).string() + ".stderr");
+    options.stdoutFile = reportOf(mode, firstSeq).string() + ".stdout";
     options.umask = 0;
     // ThreadSanitizer refuses new threads in the child of a threaded process unless told to let
     // it try; the library must start its own there.
@@ -229,6 +230,45 @@ TEST_F(Processes, aQueueSharedByProcessesSendsEachRequestOnceThoughOneIsKilledMi
   expected.merge(range(1000, 1300));
   expected.merge(range(2000, 2300));
   expectDeliveredOnce(expected);
+}
+
+// A host that fires and then returns from main (or calls exit) at once finds every accepted call
+// in its store, and none of its callbacks runs after main has ended.
+TEST_F(Processes, everyCallAcceptedBeforeExitIsStoredAndNoCallbackRunsAfterMain) {
+  int runs = 0;
+  for (const int64_t count : {1, 10, 2000}) {
+    for (const std::string how : {"return", "exit"}) {
+      for (int round = 0; round < scaled(3, 1); ++round, ++runs) {
+        SCOPED_TRACE(std::to_string(count) + " then " + how + ", round " + std::to_string(round));
+        const HostLayout own(dir / ("host-" + std::to_string(runs)));
+        writeSiteID(own.bundle);
+        const auto options = hostProgram("fire", runs, {std::to_string(count), how}, &own,
+                                         "http://127.0.0.1:9/tags");
+        ASSERT_EQ(runToEnd(options, 120s).problem(), "");
+        const StoreContents contents = readStore(own.store);
+        EXPECT_EQ(contents.rows, count) << contents.error;
+        EXPECT_EQ(contents.sequences.size(), static_cast<size_t>(count));
+        EXPECT_TRUE(readFile(reportOf("fire", runs)).ends_with("main returned\n"))
+            << "a callback ran after main returned";
+      }
+    }
+  }
+}
+
+// flush delivers and says so, also from inside a callback (where it must not wait); shutdown
+// flushes and every later call, C or C++, is refused.
+TEST_F(Processes, flushAndShutdownReportWhatHappened) {
+  const Ended ended = runToEnd(hostProgram("fire", 0, {"200", "flush"}), 120s);
+  ASSERT_EQ(ended.problem(), "");
+  EXPECT_EQ(ended.out,
+            "flush 1\n"
+            "callback-flush 0 1\n"
+            "shutdown 1\n"
+            "vntr_fire_events 3\n"
+            "vntr_flush 3\n"
+            "vntr_shutdown 3\n");
+  EXPECT_NE(ended.err.find("has been shut down.  The call is refused."), std::string::npos);
+  EXPECT_EQ(readStore(host.store).rows, 0);
 }
 
 }  // namespace
