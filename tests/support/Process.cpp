@@ -15,8 +15,6 @@
 #include <cerrno>
 #include <sstream>
 
-#include "SandboxServer.hpp"
-
 namespace vntr::test {
 
 namespace fs = std::filesystem;
@@ -191,43 +189,6 @@ bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> ru
   EXPECT_EQ(ended.problem(), "") << "the run again:\n" << ended.out;
   EXPECT_NE(ended.out.find("[  PASSED  ] 1 test"), std::string::npos) << ended.out;
   return true;
-}
-
-void EventLedger::attach(sandbox::SandboxServer& server) {
-  server.setBatchObserver([this](const json& batch) {
-    batches_.fetch_add(1);
-    // The observer runs before the answer leaves; an answer that never arrives only makes
-    // the check weaker, never wrong.
-    if (batch.value("delivery", "") != "ok") return;
-    std::scoped_lock lock(mutex_);
-    for (const json& member : batch.value("members", json::array())) {
-      const std::string answer = member.value("answer", "");
-      const auto seq = sequenceOf(member);
-      if (seq && (answer == "result" || answer == "error")) answered_.insert(*seq);
-    }
-  });
-}
-
-void EventLedger::addSaved(int64_t firstSeq, int64_t count) {
-  std::scoped_lock lock(mutex_);
-  for (int64_t i = 0; i < count; ++i) saved_.insert(firstSeq + i);
-}
-
-size_t EventLedger::savedCount() const {
-  std::scoped_lock lock(mutex_);
-  return saved_.size();
-}
-
-std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
-                                              int64_t firstSeq) const {
-  std::scoped_lock lock(mutex_);
-  std::vector<int64_t> missing;
-  for (const int64_t seq : saved_) {
-    if (seq >= firstSeq && !answered_.contains(seq) && !contents.sequences.contains(seq)) {
-      missing.push_back(seq);
-    }
-  }
-  return missing;
 }
 
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& dir) {

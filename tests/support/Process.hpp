@@ -4,10 +4,6 @@
 
 #include "support/TestSupport.hpp"
 
-namespace vntr::sandbox {
-class SandboxServer;
-}
-
 namespace vntr::test {
 
 /// The host program the fault tests start, kill and watch (tests/integration/FaultChild.cpp).
@@ -74,28 +70,6 @@ bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> ru
 /// The largest count the child wrote to its report file (one decimal number per line; an
 /// unfinished last line is ignored, as the child may have been killed while writing it).
 int64_t readReportedCount(const std::filesystem::path& reportFile);
-
-/// What the fault tests know about their events, which carry eventData {"seq": n}: which were
-/// saved (reported by a child after each eventCreated) and which the server answered (recorded
-/// by the sandbox before the answer leaves). Every saved request without an answer must still be
-/// in the store. Thread-safe.
-class EventLedger {
- public:
-  /// Records the answers of `server` from now on (replaces its batch observer).
-  void attach(sandbox::SandboxServer& server);
-  void addSaved(int64_t firstSeq, int64_t count);
-  size_t savedCount() const;
-  int64_t batches() const { return batches_.load(); }
-  /// Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks (with
-  /// an empty `contents`: every one the server still owes an answer).
-  std::vector<int64_t> missingFrom(const StoreContents& contents, int64_t firstSeq = 0) const;
-
- private:
-  mutable std::mutex mutex_;
-  std::set<int64_t> saved_;     // guarded by mutex_
-  std::set<int64_t> answered_;  // guarded by mutex_
-  std::atomic<int64_t> batches_{0};
-};
 
 /// Nothing when the openssl program is missing or fails.
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const std::filesystem::path& dir);
