@@ -30,7 +30,6 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
   /// SIGKILL, then reaps it.
   void kill();
   /// Waits up to `timeout` for the child to end; its wait status, or nothing on timeout.
