@@ -15,28 +15,18 @@ using Stat = VNTRStatistic;
 
 // Consent as a consent tool changes it: given, refused, left to the remote check.
 void changeConsent(UserDefaults& defaults, int step) {
-  const std::string vendors = std::string(23, '1') + (step % 4 == 2 ? "0" : "1") + "11";
-  switch (step % 4) {
-    case 0:
-      defaults.setString("IABConsent_SubjectToGDPR", "0");
-      break;
-    case 1:
-    case 2:
-      defaults.setString("IABConsent_SubjectToGDPR", "1");
-      defaults.setString("IABConsent_ParsedPurposeConsents", "11111");
-      defaults.setString("IABConsent_ParsedVendorConsents", vendors);
-      break;
-    default:
-      defaults.removeObjectForKey("IABConsent_ParsedVendorConsents");
-  }
+  if (step % 4 == 0) return defaults.setString("IABConsent_SubjectToGDPR", "0");
+  if (step % 4 == 3) return defaults.removeObjectForKey("IABConsent_ParsedVendorConsents");
+  defaults.setString("IABConsent_SubjectToGDPR", "1");
+  defaults.setString("IABConsent_ParsedPurposeConsents", "11111");
+  defaults.setString("IABConsent_ParsedVendorConsents",
+                     std::string(23, '1') + (step % 4 == 2 ? "0" : "1") + "11");
 }
 
 Faults faultsFor(int step) {
   const int k = step % 7;
   return {.statusCode = k == 3 ? 500 : 200,
-          .dropShare = k == 1   ? 0.3
-                       : k == 6 ? 0.5
-                                : 0.0,
+          .dropShare = k == 1 ? 0.3 : (k == 6 ? 0.5 : 0.0),
           .errorEntries = k == 2 || k == 6,
           .malformedBody = k == 4,
           .emptyBody = k == 5};

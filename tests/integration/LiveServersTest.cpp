@@ -73,7 +73,6 @@ class LiveServers : public testing::Test {
   std::unique_ptr<LiveRuntime> app_;
 };
 using HostileServers = LiveServers;
-using NetworkSeams = LiveServers;
 
 // No setting turns certificate checks off: whichever way the URL names an untrusted TLS server,
 // through the consent check's GET too, the handshake is refused and no request gets through.
@@ -105,7 +104,7 @@ TEST_F(HostileServers, anUntrustedCertificateIsRefusedWhateverTheURL) {
 
 // The consent check goes where the server is, unless its own URL is set; its answer counts
 // whatever the HTTP status, and a change of the host's consent keys decides again.
-TEST_F(NetworkSeams, consentCheckFollowsTheServerUnlessItsURLIsSet) {
+TEST_F(LiveServers, consentCheckFollowsTheServerUnlessItsURLIsSet) {
   app_.reset();
   CapturingLog log;
   std::atomic<bool> needsConsent{true};

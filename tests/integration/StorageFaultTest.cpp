@@ -20,29 +20,6 @@ constexpr const char* kOpenFailed =
 constexpr const char* kRecreateFailed =
     "[Error] Failed to initialize new event store.  Will attempt in memory storage.";
 
-/// A disk that is full for this process while this lives: every write to a file past `bytes`
-/// fails with EFBIG (the signal a file-size limit raises is ignored, as a host with such a
-/// limit does).
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    getrlimit(RLIMIT_FSIZE, &previous_);
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGXFSZ, &ignore, &previousAction_);
-    const rlimit limited{bytes, previous_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limited);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &previous_);
-    sigaction(SIGXFSZ, &previousAction_, nullptr);
-  }
-
- private:
-  rlimit previous_{};
-  struct sigaction previousAction_ {};
-};
-
 /// Another connection holding the store file: a write transaction, and with `exclusive` the
 /// exclusive locking mode too (no other connection may even read). SQLite keeps the locks of
 /// connections in one process apart as it does those of two processes.
@@ -71,7 +48,20 @@ TEST(StorageFaults, failedSavesKeepTheRequestsInMemoryUntilASaveSucceeds) {
     std::string logged;
     Fault fault;
   } rows[] = {
-      {"full disk", kSaveFailed, [](auto&) { return std::make_shared<FileSizeLimit>(0); }},
+      // Every write to a file fails with EFBIG; the signal a file-size limit raises is ignored,
+      // as a host with such a limit does.
+      {"full disk", kSaveFailed,
+       [](auto&) {
+         rlimit previous{};
+         getrlimit(RLIMIT_FSIZE, &previous);
+         const auto handler = signal(SIGXFSZ, SIG_IGN);
+         const rlimit full{0, previous.rlim_max};
+         setrlimit(RLIMIT_FSIZE, &full);
+         return std::shared_ptr<void>(nullptr, [previous, handler](void*) {
+           setrlimit(RLIMIT_FSIZE, &previous);
+           signal(SIGXFSZ, handler);
+         });
+       }},
       {"another connection's write transaction",
        std::string(kSaveFailed) + "database is locked, {code = 5, extendedCode = 5}",
        [](const HostLayout& layout) { return std::make_shared<StoreLock>(layout.store, false); }},

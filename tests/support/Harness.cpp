@@ -150,7 +150,7 @@ std::vector<std::string> Harness::storedIds() {
 
 LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options) {
   const HostLayout layout(root);
-  if (options.siteId) writeSiteID(layout.bundle);
+  writeSiteID(layout.bundle);
   defaults_ = std::make_shared<UserDefaults>(layout.defaults);
   if (options.notSubjectToGdpr) defaults_->setString("IABConsent_SubjectToGDPR", "0");
 

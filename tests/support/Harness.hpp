@@ -105,7 +105,6 @@ class Harness {
 };
 
 struct LiveRuntimeOptions {
-  bool siteId = true;
   /// Stores IABConsent_SubjectToGDPR = "0" (no consent needed) before anything decides consent.
   bool notSubjectToGdpr = true;
   /// Where a consent check goes; a loopback port with nothing behind it unless a test serves one.
