@@ -95,8 +95,6 @@ struct Processes : testing::Test {
     EXPECT_EQ(contents.integrity, "ok");
     EXPECT_EQ(contents.rows, 0);
   }
-  TempDir dir;
-  HostLayout host{dir.path()};
   // Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks (with
   // empty `contents`: every one the server still owes an answer).
   std::vector<int64_t> missingFrom(const StoreContents& contents, int64_t firstSeq = 0) {
@@ -109,6 +107,8 @@ struct Processes : testing::Test {
     }
     return missing;
   }
+  TempDir dir;
+  HostLayout host{dir.path()};
   // The requests the children saved (each reports its running count after every eventCreated; the
   // test thread alone adds to it) and those the server answered; every saved request without an
   // answer must still be in the store. Both outlive the server, which adds answers.
