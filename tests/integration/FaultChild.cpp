@@ -8,7 +8,7 @@
 //       of the calls). Ends by itself once maxEvents (> 0) were created and answered, or after
 //       `seconds`.
 //   vntr_fault_child exit <dataDir> <serverURL> <firstSeq> <reportFile> <return|exit>
-//                         <inflight|timer|random> <seed>
+//                         <start|inflight|timer|random> <seed>
 //       Like run, but the events are fired by a detached host thread that never stops, and the
 //       main thread returns from main (or calls exit) once a batch is in flight, once the batch
 //       timer is armed, or at a random moment after the first request was saved.
@@ -17,11 +17,11 @@
 //       and child each fire `count` more (the child numbers its events from firstSeq + count,
 //       the parent from firstSeq + 2 * count) and wait until the server has answered their own.
 //       Exits 0 when both sides did; the parent waits for the child.
-//   vntr_fault_child fire <dataDir> <serverURL> <reportFile> <count> <return|exit|flush>
-//       Fires `count` events with eventData {"seq": n} from the main thread, then returns from
-//       main, calls exit, or calls flush, shutdown and the C API after shutdown, printing each
-//       result as "<call> <result>" (the first eventCreated also calls flush from inside the
-//       delegate). The network is reachable only for "flush". Writes "main returned" to
+//   vntr_fault_child fire <dataDir> <serverURL> <firstSeq> <reportFile> <count> <return|exit|flush>
+//       Fires `count` events with eventData {"seq": firstSeq + n} from the main thread, then
+//       returns from main, calls exit, or calls flush, shutdown and the C API after shutdown,
+//       printing each result as "<call> <result>" (the first eventCreated also calls flush from
+//       inside the delegate). The network is reachable only for "flush". Writes "main returned" to
 //       reportFile as main ends, so the parent sees any callback that came after it.
 //
 // dataDir holds what a host has (the same layout as the tests' HostLayout): "bundle" with the
@@ -39,6 +39,7 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <random>
 #include <string>
 #include <thread>
@@ -101,11 +102,6 @@ Reporter& reporter() {
   return *instance;
 }
 
-int usage() {
-  std::cerr << "usage: vntr_fault_child run|exit|fork|fire ... (see the source)\n";
-  return 2;
-}
-
 void setUpHost(const fs::path& dataDir, const std::string& serverURL, const fs::path& report) {
   VNTRTagManager::setMainBundlePath((dataDir / "bundle").string());
   VNTRTagManager::setDocumentsDirectory((dataDir / "documents").string());
@@ -139,12 +135,9 @@ int64_t storedRequests() {
 
 bool reached(const std::string& point);
 
-int run(char** argv) {
-  const fs::path dataDir = argv[2];
-  const int64_t firstSeq = std::stoll(argv[4]);
-  const int64_t maxEvents = std::stoll(argv[6]);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(std::stoi(argv[7]));
-  setUpHost(dataDir, argv[3], argv[5]);
+int run(int64_t firstSeq, char** more) {
+  const int64_t maxEvents = std::stoll(more[0]);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(std::stoi(more[1]));
   std::mt19937 random(static_cast<uint32_t>(firstSeq));
   int64_t fired = 0;
   bool full = false;
@@ -193,17 +186,10 @@ bool reached(const std::string& point) {
   return requester.batchTimer()->isValid() && !requester.isRequesting.load();
 }
 
-int exitWhile(char** argv) {
-  const fs::path dataDir = argv[2];
-  const int64_t firstSeq = std::stoll(argv[4]);
-  const std::string how = argv[6];
-  const std::string point = argv[7];
-  const auto seed = static_cast<uint32_t>(std::stoul(argv[8]));
-  if ((how != "return" && how != "exit") ||
-      (point != "start" && point != "inflight" && point != "timer" && point != "random")) {
-    return usage();
-  }
-  setUpHost(dataDir, argv[3], argv[5]);
+int exitWhile(int64_t firstSeq, char** more) {
+  const std::string how = more[0];
+  const std::string point = more[1];
+  const auto seed = static_cast<uint32_t>(std::stoul(more[2]));
   // Only the fire-now rule starts batches early; left alone, the first batch timer stays armed
   // for its full interval.
   const bool askForBatches = point != "timer";
@@ -239,10 +225,8 @@ int exitWhile(char** argv) {
   return 0;
 }
 
-int forkHost(char** argv) {
-  const int64_t firstSeq = std::stoll(argv[4]);
-  const int64_t count = std::stoll(argv[6]);
-  setUpHost(argv[2], argv[3], argv[5]);
+int forkHost(int64_t firstSeq, char** more) {
+  const int64_t count = std::stoll(more[0]);
   std::mt19937 random(static_cast<uint32_t>(firstSeq));
   for (int64_t n = 0; n < count; ++n) fireOne(firstSeq + n, random);
   const pid_t child = ::fork();
@@ -289,20 +273,19 @@ void flushFromCallback() {
   flushInCallback = empty ? 1 : 0;
 }
 
-int fire(char** argv) {
-  const fs::path dataDir = argv[2];
-  const fs::path report = argv[4];
-  const int64_t count = std::stoll(argv[5]);
-  const std::string how = argv[6];
+int fire(int64_t firstSeq, char** more) {
+  const int64_t count = std::stoll(more[0]);
+  const std::string how = more[1];
   const bool reachable = how == "flush";
-  setUpHost(dataDir, argv[3], report);
   VNTRTagManager::updateReachabilityFlags(reachable ? kReachable : 0);
   reporter().onCreated = reachable ? flushFromCallback : nullptr;
-  for (int64_t n = 0; n < count; ++n) VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", n}});
+  for (int64_t n = 0; n < count; ++n) {
+    VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", firstSeq + n}});
+  }
   if (how == "flush") {
     std::cout << "flush " << VNTRTagManager::flush(20s) << "\n";
     std::cout << "callback-flush " << flushInCallback << " " << (flushInCallbackMs < 1000) << "\n";
-    VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", count}});
+    VNTRTagManager::fireEvents({"fault"}, "fault", {{"seq", firstSeq + count}});
     std::cout << "shutdown " << VNTRTagManager::shutdown(20s) << "\n";
     const char* events[] = {"fault"};
     std::cout << "vntr_fire_events " << vntr_fire_events(events, 1, "fault", nullptr) << "\n";
@@ -318,10 +301,13 @@ int fire(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string mode = argc > 1 ? argv[1] : "";
-  if (mode == "run" && argc == 8) return run(argv);
-  if (mode == "exit" && argc == 9) return exitWhile(argv);
-  if (mode == "fork" && argc == 7) return forkHost(argv);
-  if (mode == "fire" && argc == 7) return fire(argv);
-  return usage();
+  const std::map<std::string, std::pair<int, int (*)(int64_t, char**)>> modes = {
+      {"run", {2, run}}, {"exit", {3, exitWhile}}, {"fork", {1, forkHost}}, {"fire", {2, fire}}};
+  const auto mode = modes.find(argc > 1 ? argv[1] : "");
+  if (mode == modes.end() || argc != 6 + mode->second.first) {
+    std::cerr << "usage: vntr_fault_child run|exit|fork|fire ... (see the source)\n";
+    return 2;
+  }
+  setUpHost(argv[2], argv[3], argv[5]);
+  return mode->second.second(std::stoll(argv[4]), argv + 6);
 }

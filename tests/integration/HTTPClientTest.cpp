@@ -138,8 +138,6 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
       {"POST", "/echo", "[n]", 200, "[n]", 0, std::numeric_limits<double>::quiet_NaN()},
       {"GET", "not a url", "", 0, std::nullopt, kURLError},
       {"POST", "", "{}", 0, std::nullopt, kURLError},
-      {"POST", "tags.example.com/tags", "{}", 0, std::nullopt, kURLError},
-      {"POST", "://no-scheme", "{}", 0, std::nullopt, kURLError},
       {"POST", "http://exa mple.com/tags", "{}", 0, std::nullopt, kURLError},
       {"POST", "nosuchscheme://host/", "{}", 0, std::nullopt, kURLError},
       {"POST", std::string("http://127.0.0.1/\0tail", 22), "{}", 0, std::nullopt, kURLError},
@@ -176,7 +174,10 @@ TEST(HTTPClient, handsBackEveryAnswerUninterpretedAndEveryFailureAsAnError) {
   }
 }
 
-TEST(HTTPClient, destructionCompletesUnfinishedTransfersWithAnError) {
+// Destroying the client completes unfinished transfers, and posts made meanwhile, with an error.
+// Posts from several threads each complete exactly once with their own answer, over a few
+// shared connections; a throwing completion is logged and the transport thread carries on.
+TEST(HTTPClient, everyPostCompletesExactlyOnceEvenWhenTheClientGoes) {
   Server server;
   std::vector<Outcome> outcomes;  // read once the destructor has joined the transport thread
   {
@@ -205,12 +206,6 @@ TEST(HTTPClient, destructionCompletesUnfinishedTransfersWithAnError) {
     destroyed = true;
   });
   EXPECT_TRUE(waitUntil([&] { return destroyed.load(); }));
-}
-
-// Posts from several threads each complete exactly once with their own answer, over a few
-// shared connections; a throwing completion is logged and the transport thread carries on.
-TEST(HTTPClient, everyPostCompletesExactlyOnceOverSharedConnections) {
-  Server server;
   test::CapturingLog log;
   constexpr int kThreads = 4, kEach = 25;
   std::mutex mutex;

@@ -3,75 +3,16 @@
 
 #include <future>
 
-#include "SandboxServer.hpp"
 #include "core/SerialExecutor.hpp"
-#include "facade/TagManagerCore.hpp"
-#include "model/VNTREventPriority.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
 #include "support/Process.hpp"
-#include "support/TestSupport.hpp"
 
 namespace vntr::test {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-// Runs the fault child's "fire" mode in a fresh host directory; `report` receives what it wrote
-// to its report file.
-Ended runFireChild(const fs::path& root, const std::string& serverURL, int64_t count,
-                   const std::string& how, std::string& report) {
-  writeSiteID(root / "bundle");
-  auto options = command({faultChildProgram(), "fire", root.string(), serverURL,
-                          (root / "report").string(), std::to_string(count), how},
-                         root / "stderr");
-  options.stdoutFile = root / "stdout";
-  const Ended ended = runToEnd(options, 120s);
-  report = readFile(root / "report");
-  return ended;
-}
-
-// A host that fires and then returns from main (or calls exit) at once finds every accepted call
-// in its store, and none of its callbacks runs after main has ended.
-TEST(Lifecycle, everyCallAcceptedBeforeExitIsStoredAndNoCallbackRunsAfterMain) {
-  TempDir dir;
-  int runs = 0;
-  for (const int64_t count : {1, 10, 2000}) {
-    for (const std::string how : {"return", "exit"}) {
-      for (int round = 0; round < scaled(3, 1); ++round, ++runs) {
-        SCOPED_TRACE(std::to_string(count) + " then " + how + ", round " + std::to_string(round));
-        const fs::path root = dir / ("host-" + std::to_string(runs));
-        std::string report;
-        ASSERT_EQ(runFireChild(root, "http://127.0.0.1:9/tags", count, how, report).problem(), "");
-        const StoreContents contents = readStore(HostLayout(root).store);
-        EXPECT_EQ(contents.rows, count) << contents.error;
-        EXPECT_EQ(contents.sequences.size(), static_cast<size_t>(count));
-        EXPECT_TRUE(report.ends_with("main returned\n")) << "a callback ran after main returned";
-      }
-    }
-  }
-}
-
-// flush delivers and says so, also from inside a callback (where it must not wait); shutdown
-// flushes and every later call, C or C++, is refused.
-TEST(Lifecycle, flushAndShutdownReportWhatHappened) {
-  TempDir dir;
-  sandbox::SandboxServer server(sandboxConfig(100));
-  ASSERT_TRUE(server.start());
-  std::string report;
-  const Ended ended = runFireChild(dir / "host", server.tagsURL(), 200, "flush", report);
-  ASSERT_EQ(ended.problem(), "");
-  EXPECT_EQ(ended.out,
-            "flush 1\n"
-            "callback-flush 0 1\n"
-            "shutdown 1\n"
-            "vntr_fire_events 3\n"
-            "vntr_flush 3\n"
-            "vntr_shutdown 3\n");
-  EXPECT_NE(ended.err.find("has been shut down.  The call is refused."), std::string::npos);
-  EXPECT_EQ(readStore(HostLayout(dir / "host").store).rows, 0);
-}
 
 // A host callback (C API, with a context) cleared while the library is busy calling it, from
 // outside or from inside the callback: once the setter returns the old callback is neither running
@@ -167,36 +108,23 @@ TEST(Lifecycle, aPythonHostWithBothCallbacksExitsAtOnceCleanly) {
 // returns while neither library queue can run at all.
 TEST(Lifecycle, theFirstCallDoesNotWaitForStartUp) {
   TempDir dir;
-  const auto paths = HostLayout(dir.path()).paths();
-  writeSiteID(paths.mainBundleDirectory);
-  auto defaults = std::make_shared<UserDefaults>(paths.userDefaultsFile);
-  defaults->setString("IABConsent_SubjectToGDPR", "0");
   auto storeQueue = std::make_shared<SerialExecutor>("TestStore");
   auto mainQueue = std::make_shared<SerialExecutor>("TestMain");
   std::promise<void> release;
   const auto blocked = release.get_future().share();
   for (auto& queue : {storeQueue, mainQueue}) queue->post([blocked] { blocked.wait(); });
-  RuntimeOptions options;
-  options.mainQueue = mainQueue;
-  options.storeQueue = storeQueue;
-  options.paths = paths;
-  options.facts = std::make_shared<FakeFacts>();
-  options.userDefaults = defaults;
-  options.reachabilitySource = VNTRReachability::Source::host;
-  options.consentCheckURL = "http://127.0.0.1:9/gdpr/check/json/current";
-  Runtime runtime(std::move(options));
+  LiveRuntime app(
+      dir.path(),
+      {.batchIntervalMs = std::nullopt, .mainQueue = mainQueue, .storeQueue = storeQueue});
   std::atomic<bool> returned{false};
   std::thread host([&] {
-    runtime.tagManager().fireEvents({"first"}, "launch", nlohmann::json::object(),
-                                    VNTREventPriority::high, true);
+    app.fireEvents({"first"}, "launch");
     returned = true;
   });
   EXPECT_TRUE(waitUntil([&] { return returned.load(); })) << "the first call waited for start-up";
   release.set_value();
   host.join();
-  int64_t stored = 0;
-  runtime.store().performAndWait([&] { stored = runtime.store().count(); });
-  EXPECT_EQ(stored, 1);
+  EXPECT_EQ(app.storedCount(), 1);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ std::map<std::string, json> answerOf(const SandboxServer& server, const std::vec
 
 // The sandbox answers by id with the configured getEvents result, counts arrivals and repeats,
 // and puts each configured fault into its answers.
-TEST(SandboxServer, answersCountsAndInjectsEachFault) {
+TEST(SandboxServer, answersCountsInjectsEachFaultAndValidatesItsControls) {
   SandboxServer server(test::sandboxConfig(500));
   ASSERT_TRUE(server.start());
   auto entries = answerOf(server, {syncEvent("A"), syncEvent("B"), kGetEvents});
@@ -90,13 +90,9 @@ TEST(SandboxServer, answersCountsAndInjectsEachFault) {
   client.join();
   ASSERT_TRUE(server.start());  // on the same port, with what it recorded
   EXPECT_TRUE(server.received("A"));
-}
 
-// Control endpoints patch faults and configuration all or nothing; bodies that are not arrays
-// are refused; the page escapes every text it shows.
-TEST(SandboxServer, controlEndpointsValidateAndThePageEscapes) {
-  SandboxServer server;
-  ASSERT_TRUE(server.start());
+  // Control endpoints patch faults and configuration all or nothing; bodies that are not arrays
+  // are refused; the page escapes every text it shows.
   EXPECT_EQ(call(server, "/api/faults", R"({"dropShare": 0.25, "delayMs": 5})").status, 200);
   for (const char* bad : {R"({"statusCode": "500"})", R"({"dropShare": 2})",
                           R"({"emptyBody": true, "closeConnection": 1})", "[]", "not json"}) {

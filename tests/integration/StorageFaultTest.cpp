@@ -20,29 +20,6 @@ constexpr const char* kOpenFailed =
 constexpr const char* kRecreateFailed =
     "[Error] Failed to initialize new event store.  Will attempt in memory storage.";
 
-/// A disk that is full for this process while this lives: every write to a file past `bytes`
-/// fails with EFBIG (the signal a file-size limit raises is ignored, as a host with such a
-/// limit does).
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    getrlimit(RLIMIT_FSIZE, &previous_);
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGXFSZ, &ignore, &previousAction_);
-    const rlimit limited{bytes, previous_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limited);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &previous_);
-    sigaction(SIGXFSZ, &previousAction_, nullptr);
-  }
-
- private:
-  rlimit previous_{};
-  struct sigaction previousAction_ {};
-};
-
 /// Another connection holding the store file: a write transaction, and with `exclusive` the
 /// exclusive locking mode too (no other connection may even read). SQLite keeps the locks of
 /// connections in one process apart as it does those of two processes.
@@ -71,7 +48,20 @@ TEST(StorageFaults, failedSavesKeepTheRequestsInMemoryUntilASaveSucceeds) {
     std::string logged;
     Fault fault;
   } rows[] = {
-      {"full disk", kSaveFailed, [](auto&) { return std::make_shared<FileSizeLimit>(0); }},
+      // Every write to a file fails with EFBIG; the signal a file-size limit raises is ignored,
+      // as a host with such a limit does.
+      {"full disk", kSaveFailed,
+       [](auto&) {
+         rlimit previous{};
+         getrlimit(RLIMIT_FSIZE, &previous);
+         const auto handler = signal(SIGXFSZ, SIG_IGN);
+         const rlimit full{0, previous.rlim_max};
+         setrlimit(RLIMIT_FSIZE, &full);
+         return std::shared_ptr<void>(nullptr, [previous, handler](void*) {
+           setrlimit(RLIMIT_FSIZE, &previous);
+           signal(SIGXFSZ, handler);
+         });
+       }},
       {"another connection's write transaction",
        std::string(kSaveFailed) + "database is locked, {code = 5, extendedCode = 5}",
        [](const HostLayout& layout) { return std::make_shared<StoreLock>(layout.store, false); }},
@@ -88,8 +78,6 @@ TEST(StorageFaults, failedSavesKeepTheRequestsInMemoryUntilASaveSucceeds) {
       EXPECT_EQ(log.count(row.logged, true), 1u);
       app.sendBatch();  // all three answered; their deletes cannot be saved either
       EXPECT_EQ((*app.delegate)[VNTRStatistic::eventResultProcessed], 3);
-      app.fire(1);
-      EXPECT_EQ(app.storedCount(), 1);
     }
     EXPECT_EQ(readStore(app.layout.store).rows, 2);  // the file as before the fault
     log.clear();
@@ -97,52 +85,51 @@ TEST(StorageFaults, failedSavesKeepTheRequestsInMemoryUntilASaveSucceeds) {
     EXPECT_EQ(log.count(kSaveFailed, true), 0u);
     const StoreContents contents = readStore(app.layout.store);
     EXPECT_EQ(contents.integrity, "ok");
-    EXPECT_EQ(contents.sequences, (std::set<int64_t>{3, 4}));
+    EXPECT_EQ(contents.sequences, (std::set<int64_t>{3}));
   }
 }
 
 // Three launches over one data directory. The first saves three requests. The second cannot open
-// the store while `fault` holds: it goes to memory for that launch (both failure lines), carries
-// on sending what it records, and leaves the file alone. The third finds the first's requests.
-void expectAMemoryStoreForOneLaunch(const fs::path& root, const Fault& fault) {
-  CapturingLog log;
-  const HostLayout layout(root);
-  Harness({.root = root}).fire(3);
-  {
-    const auto held = fault(layout);
-    Harness app({.root = root});
-    app.nextSeq = 100;
-    app.fire(1);
-    EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::memory);
-    app.sendBatch();
-    EXPECT_EQ(app.transport->batches(), 1u);
-    EXPECT_EQ(app.storedCount(), 0);
-  }
-  EXPECT_EQ(log.count(kOpenFailed), 1u);
-  EXPECT_EQ(log.count(kRecreateFailed), 1u);
-  Harness app({.root = root});
-  EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::sqlite);
-  const StoreContents contents = readStore(layout.store);
-  EXPECT_EQ(contents.integrity, "ok");
-  EXPECT_EQ(contents.sequences, (std::set<int64_t>{0, 1, 2}));
-}
-
-TEST(StorageFaults, aReadOnlyDataDirectoryFallsBackToMemoryAndKeepsTheFileForLater) {
+// the store while the fault holds (a data directory it may not write, or another connection holding
+// the store exclusively): it goes to memory for that launch (both failure lines), carries on
+// sending what it records, and leaves the file alone. The third finds the first's requests.
+TEST(StorageFaults, aStoreThatCannotBeOpenedFallsBackToMemoryAndKeepsTheFileForLater) {
   // Root ignores file modes: run as root, the test runs again as "nobody".
-  if (::geteuid() == 0 && rerunCurrentTestAs(65534)) return;
-  TempDir dir;
-  expectAMemoryStoreForOneLaunch(dir.path(), [](const HostLayout& layout) {
-    ::chmod(layout.documents.c_str(), 0500);
-    return std::shared_ptr<void>(nullptr,
-                                 [dir = layout.documents](void*) { ::chmod(dir.c_str(), 0700); });
-  });
-}
-
-TEST(StorageFaults, aStoreHeldExclusivelyFallsBackToMemoryAndKeepsTheFileForLater) {
-  TempDir dir;
-  expectAMemoryStoreForOneLaunch(dir.path(), [](const HostLayout& layout) {
-    return std::make_shared<StoreLock>(layout.store, true);
-  });
+  if (::geteuid() == 0 && rerunCurrentTest({}, 65534)) return;
+  const std::pair<const char*, Fault> rows[] = {
+      {"read-only data directory",
+       [](const HostLayout& layout) {
+         ::chmod(layout.documents.c_str(), 0500);
+         return std::shared_ptr<void>(
+             nullptr, [dir = layout.documents](void*) { ::chmod(dir.c_str(), 0700); });
+       }},
+      {"store held exclusively",
+       [](const HostLayout& layout) { return std::make_shared<StoreLock>(layout.store, true); }},
+  };
+  for (const auto& [name, fault] : rows) {
+    SCOPED_TRACE(name);
+    TempDir dir;
+    CapturingLog log;
+    const HostLayout layout(dir.path());
+    Harness({.root = dir.path()}).fire(3);
+    {
+      const auto held = fault(layout);
+      Harness app({.root = dir.path()});
+      app.nextSeq = 100;
+      app.fire(1);
+      EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::memory);
+      app.sendBatch();
+      EXPECT_EQ(app.transport->batches(), 1u);
+      EXPECT_EQ(app.storedCount(), 0);
+    }
+    EXPECT_EQ(log.count(kOpenFailed), 1u);
+    EXPECT_EQ(log.count(kRecreateFailed), 1u);
+    Harness app({.root = dir.path()});
+    EXPECT_EQ(app.storeKind(), EventDataManager::StoreKind::sqlite);
+    const StoreContents contents = readStore(layout.store);
+    EXPECT_EQ(contents.integrity, "ok");
+    EXPECT_EQ(contents.sequences, (std::set<int64_t>{0, 1, 2}));
+  }
 }
 
 }  // namespace

@@ -150,13 +150,15 @@ std::vector<std::string> Harness::storedIds() {
 
 LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options) {
   const HostLayout layout(root);
-  if (options.siteId) writeSiteID(layout.bundle);
+  writeSiteID(layout.bundle);
   defaults_ = std::make_shared<UserDefaults>(layout.defaults);
   if (options.notSubjectToGdpr) defaults_->setString("IABConsent_SubjectToGDPR", "0");
 
   RuntimeOptions runtimeOptions;
-  runtimeOptions.mainQueue = std::make_shared<SerialExecutor>("TestMain");
-  runtimeOptions.storeQueue = std::make_shared<SerialExecutor>("TestStore");
+  runtimeOptions.mainQueue =
+      options.mainQueue ? options.mainQueue : std::make_shared<SerialExecutor>("TestMain");
+  runtimeOptions.storeQueue =
+      options.storeQueue ? options.storeQueue : std::make_shared<SerialExecutor>("TestStore");
   runtimeOptions.paths = layout.paths();
   runtimeOptions.facts = std::make_shared<FakeFacts>();
   runtimeOptions.userDefaults = defaults_;
@@ -166,11 +168,17 @@ LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions o
   runtime_ = std::make_unique<Runtime>(std::move(runtimeOptions));
 
   // Made now rather than by the first event, so the pacing is in place before anything fires.
-  auto& requester = runtime_->requester();
-  if (options.batchIntervalMs) requester.setBatchInterval(*options.batchIntervalMs);
-  if (options.firstBatchDelayMs) {
-    requester.nextBatchInterval.store(static_cast<double>(*options.firstBatchDelayMs) / 1000.0);
+  if (options.batchIntervalMs) {
+    auto& requester = runtime_->requester();
+    requester.setBatchInterval(*options.batchIntervalMs);
+    requester.nextBatchInterval.store(static_cast<double>(*options.batchIntervalMs) / 1000.0);
   }
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
+}
+
+LiveRuntime::~LiveRuntime() {
+  runtime_.reset();
+  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
 void LiveRuntime::fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,

@@ -105,25 +105,28 @@ class Harness {
 };
 
 struct LiveRuntimeOptions {
-  bool siteId = true;
   /// Stores IABConsent_SubjectToGDPR = "0" (no consent needed) before anything decides consent.
   bool notSubjectToGdpr = true;
   /// Where a consent check goes; a loopback port with nothing behind it unless a test serves one.
   std::string consentCheckURL = "http://127.0.0.1:9/gdpr/check/json/current";
-  /// The requester's first timer and its regular pause until a server answer changes it, so
-  /// tests need not sit through the 2 s default.
-  std::optional<int64_t> firstBatchDelayMs = 100;
+  /// The requester, made at once, waits this long for its first batch and between batches until
+  /// a server answer changes it, so tests need not sit through the 2 s default. Nothing: the
+  /// requester is left to the first event to make.
   std::optional<int64_t> batchIntervalMs = 100;
+  /// The runtime's queues; nothing: serial queues of its own.
+  std::shared_ptr<Executor> mainQueue = nullptr, storeQueue = nullptr;
 };
 
 /// A runtime as an application has it, but private to a test: its own main and store queues on
 /// library threads, SQLite files under `root` (HostLayout), the real HTTP transport, host
-/// reachability starting reachable, pinned device facts. The server URL and the delegate are
-/// process-wide preferences the test sets itself. Two instances over the same `root`, one after
-/// the other, are two launches of one app.
+/// reachability starting reachable, pinned device facts, and `delegate` (totals only) installed
+/// as the process's delegate while it lives. The server URL is a process-wide preference the test
+/// sets itself. Two instances over the same `root`, one after the other, are two launches of one
+/// app.
 class LiveRuntime {
  public:
   explicit LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options = {});
+  ~LiveRuntime();
 
   /// The intake, exactly as VNTRTagManager::fireEvents runs it for the shared runtime.
   void fireEvents(const std::vector<std::string>& events, const std::string& eventGroup,
@@ -133,6 +136,7 @@ class LiveRuntime {
 
   Runtime& runtime() { return *runtime_; }
   UserDefaults& defaults() { return *defaults_; }
+  const std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(false);
 
  private:
   std::shared_ptr<UserDefaults> defaults_;

@@ -15,8 +15,6 @@
 #include <cerrno>
 #include <sstream>
 
-#include "SandboxServer.hpp"
-
 namespace vntr::test {
 
 namespace fs = std::filesystem;
@@ -72,6 +70,13 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
   ::_exit(127);
 }
 
+// "exited with 3", "killed by signal 6": for failure messages.
+std::string describeWaitStatus(int status) {
+  if (WIFEXITED(status)) return "exited with " + std::to_string(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
+  return "wait status " + std::to_string(status);
+}
+
 }  // namespace
 
 ChildProcess::ChildProcess(const Options& options) {
@@ -125,12 +130,6 @@ ChildProcess::Options command(std::vector<std::string> arguments, fs::path stder
   return options;
 }
 
-std::string describeWaitStatus(int status) {
-  if (WIFEXITED(status)) return "exited with " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
-  return "wait status " + std::to_string(status);
-}
-
 bool hasSanitizerReport(const std::string& text) {
   for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                              "WARNING: ThreadSanitizer", "ThreadSanitizer:", "runtime error:",
@@ -166,10 +165,8 @@ int64_t readReportedCount(const fs::path& reportFile) {
   return largest;
 }
 
-bool rerunCurrentTestAs(uid_t uid) {
+bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> runAs) {
   const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-  const std::string filter =
-      std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
   // The build tree may sit in a directory only its owner can enter (a fresh clone under
   // mktemp -d or /root): the other user runs a copy of this program from a directory it can reach.
   TempDir copy;
@@ -179,53 +176,19 @@ bool rerunCurrentTestAs(uid_t uid) {
   std::error_code error;
   fs::copy_file("/proc/self/exe", copy / "tests", error);
   if (error) {
-    ADD_FAILURE() << "cannot copy the test program for user " << uid << ": " << error.message();
+    ADD_FAILURE() << "cannot copy the test program: " << error.message();
     return false;
   }
-  auto options = command({(copy / "tests").string(), filter}, copy / "stderr");
+  launcher.push_back((copy / "tests").string());
+  launcher.push_back(std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name());
+  auto options = command(launcher, copy / "stderr");
   options.stdoutFile = copy / "stdout";
-  options.runAs = uid;
+  options.runAs = runAs;
+  options.environment.push_back("VNTR_RERUN=1");
   const Ended ended = runToEnd(options, std::chrono::seconds(120));
-  EXPECT_EQ(ended.problem(), "") << "the run as user " << uid << ":\n" << ended.out;
+  EXPECT_EQ(ended.problem(), "") << "the run again:\n" << ended.out;
   EXPECT_NE(ended.out.find("[  PASSED  ] 1 test"), std::string::npos) << ended.out;
   return true;
-}
-
-void EventLedger::attach(sandbox::SandboxServer& server) {
-  server.setBatchObserver([this](const json& batch) {
-    batches_.fetch_add(1);
-    // The observer runs before the answer leaves; an answer that never arrives only makes
-    // the check weaker, never wrong.
-    if (batch.value("delivery", "") != "ok") return;
-    std::scoped_lock lock(mutex_);
-    for (const json& member : batch.value("members", json::array())) {
-      const std::string answer = member.value("answer", "");
-      const auto seq = sequenceOf(member);
-      if (seq && (answer == "result" || answer == "error")) answered_.insert(*seq);
-    }
-  });
-}
-
-void EventLedger::addSaved(int64_t firstSeq, int64_t count) {
-  std::scoped_lock lock(mutex_);
-  for (int64_t i = 0; i < count; ++i) saved_.insert(firstSeq + i);
-}
-
-size_t EventLedger::savedCount() const {
-  std::scoped_lock lock(mutex_);
-  return saved_.size();
-}
-
-std::vector<int64_t> EventLedger::missingFrom(const StoreContents& contents,
-                                              int64_t firstSeq) const {
-  std::scoped_lock lock(mutex_);
-  std::vector<int64_t> missing;
-  for (const int64_t seq : saved_) {
-    if (seq >= firstSeq && !answered_.contains(seq) && !contents.sequences.contains(seq)) {
-      missing.push_back(seq);
-    }
-  }
-  return missing;
 }
 
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& dir) {
@@ -242,19 +205,5 @@ std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const fs::path& d
   if (!ended.problem().empty()) return std::nullopt;
   return files;
 }
-
-UntrustedTLSServer::UntrustedTLSServer(const SelfSignedCertificate& certificate)
-    : server_(
-          [this](httplib::Server& server) {
-            const auto answer = [this](const char* body) {
-              return [this, body](const httplib::Request&, httplib::Response& res) {
-                requests_.fetch_add(1);
-                res.set_content(body, "application/json");
-              };
-            };
-            server.Post("/tags", answer("[]"));
-            server.Get("/gdpr/check/json/current", answer(R"({"needs_consent":false})"));
-          },
-          &certificate) {}
 
 }  // namespace vntr::test

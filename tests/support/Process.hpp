@@ -4,10 +4,6 @@
 
 #include "support/TestSupport.hpp"
 
-namespace vntr::sandbox {
-class SandboxServer;
-}
-
 namespace vntr::test {
 
 /// The host program the fault tests start, kill and watch (tests/integration/FaultChild.cpp).
@@ -34,7 +30,6 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
   /// SIGKILL, then reaps it.
   void kill();
   /// Waits up to `timeout` for the child to end; its wait status, or nothing on timeout.
@@ -51,9 +46,6 @@ class ChildProcess {
 ChildProcess::Options command(std::vector<std::string> arguments,
                               std::filesystem::path stderrFile = {});
 
-/// "exited with 0", "exited with 3", "killed by signal 6": for failure messages.
-std::string describeWaitStatus(int status);
-
 /// How a child run to its end went: its wait status (-1: still running at the timeout, then
 /// killed) and what it wrote to its output files.
 struct Ended {
@@ -68,52 +60,17 @@ Ended runToEnd(const ChildProcess::Options& options, std::chrono::seconds timeou
 /// or ThreadSanitizer.
 bool hasSanitizerReport(const std::string& text);
 
-/// Runs the current test again, as user `uid`, in a copy of this program that user can reach,
-/// and records its outcome as this test's; false when it could not be run.
-bool rerunCurrentTestAs(uid_t uid);
+/// Runs the current test again in a copy of this program any user can reach, started through
+/// `launcher` (a program and its first arguments, such as unshare; none: directly), as user
+/// `runAs` if given, with VNTR_RERUN=1 in its environment; records its outcome as this test's.
+/// False when it could not be run.
+bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> runAs = {});
 
 /// The largest count the child wrote to its report file (one decimal number per line; an
 /// unfinished last line is ignored, as the child may have been killed while writing it).
 int64_t readReportedCount(const std::filesystem::path& reportFile);
 
-/// What the fault tests know about their events, which carry eventData {"seq": n}: which were
-/// saved (reported by a child after each eventCreated) and which the server answered (recorded
-/// by the sandbox before the answer leaves). Every saved request without an answer must still be
-/// in the store. Thread-safe.
-class EventLedger {
- public:
-  /// Records the answers of `server` from now on (replaces its batch observer).
-  void attach(sandbox::SandboxServer& server);
-  void addSaved(int64_t firstSeq, int64_t count);
-  size_t savedCount() const;
-  int64_t batches() const { return batches_.load(); }
-  /// Saved requests without an answer, numbered from `firstSeq` on, that `contents` lacks (with
-  /// an empty `contents`: every one the server still owes an answer).
-  std::vector<int64_t> missingFrom(const StoreContents& contents, int64_t firstSeq = 0) const;
-
- private:
-  mutable std::mutex mutex_;
-  std::set<int64_t> saved_;     // guarded by mutex_
-  std::set<int64_t> answered_;  // guarded by mutex_
-  std::atomic<int64_t> batches_{0};
-};
-
 /// Nothing when the openssl program is missing or fails.
 std::optional<SelfSignedCertificate> makeSelfSignedCertificate(const std::filesystem::path& dir);
-
-/// An HTTPS server on 127.0.0.1 with a certificate no client trusts; counts the requests that
-/// got through (none should).
-class UntrustedTLSServer {
- public:
-  explicit UntrustedTLSServer(const SelfSignedCertificate& certificate);
-  bool running() const { return server_.port() > 0; }
-  int port() const { return server_.port(); }
-  std::string url(const std::string& path = "/tags") const { return server_.url(path); }
-  int64_t requests() const { return requests_.load(); }
-
- private:
-  std::atomic<int64_t> requests_{0};
-  LoopbackServer server_;  // last: stopped before the counter goes
-};
 
 }  // namespace vntr::test

@@ -189,14 +189,6 @@ void RecordingDelegate::clear() {
   calls_.clear();
 }
 
-InstalledCounter::InstalledCounter() : delegate_(std::make_shared<RecordingDelegate>(false)) {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate_);
-}
-
-InstalledCounter::~InstalledCounter() {
-  VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
-}
-
 LoopbackServer::LoopbackServer(const std::function<void(httplib::Server&)>& routes,
                                const SelfSignedCertificate* tls) {
   if (tls != nullptr) {
@@ -207,6 +199,7 @@ LoopbackServer::LoopbackServer(const std::function<void(httplib::Server&)>& rout
   if (!server_->is_valid()) return;
   server_->new_task_queue = [] { return new httplib::ThreadPool(16); };
   routes(*server_);
+  server_->set_logger([this](const auto&, const auto&) { requests_.fetch_add(1); });
   const int port = server_->bind_to_any_port("127.0.0.1");
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   if (waitUntil([this] { return server_->is_running(); })) port_ = port;

@@ -59,7 +59,8 @@ class TempDir {
 };
 
 /// Installs a logging callback that records every message (or drops them all, when `keep` is
-/// false); restores the default on destruction. A keeping log sets the level to verbose meanwhile.
+/// false, for tests that cause thousands on purpose); restores the default on destruction. A
+/// keeping log sets the level to verbose meanwhile.
 class CapturingLog {
  public:
   explicit CapturingLog(bool keep = true);
@@ -76,12 +77,6 @@ class CapturingLog {
   std::mutex mutex_;
   std::vector<std::string> lines_;
   VantrelLogLevel previousLevel_;
-};
-
-/// Drops every log message while it lives (for tests that cause thousands on purpose).
-class QuietLog : public CapturingLog {
- public:
-  QuietLog() : CapturingLog(false) {}
 };
 
 /// Waits until every task already posted to the main queue has run.
@@ -145,20 +140,6 @@ class RecordingDelegate final : public VNTRTagManagerDelegate {
   std::vector<int64_t> calls_;  // guarded by mutex_
 };
 
-/// A RecordingDelegate (totals only) installed as the process's delegate while this lives.
-class InstalledCounter {
- public:
-  InstalledCounter();
-  ~InstalledCounter();
-  InstalledCounter(const InstalledCounter&) = delete;
-  InstalledCounter& operator=(const InstalledCounter&) = delete;
-  int64_t operator[](VNTRStatistic statistic) const { return (*delegate_)[statistic]; }
-  int64_t finishedBatches() const { return delegate_->finishedBatches(); }
-
- private:
-  std::shared_ptr<RecordingDelegate> delegate_;
-};
-
 /// A certificate and key made at test time by the openssl program.
 struct SelfSignedCertificate {
   std::filesystem::path certificate, key;
@@ -166,6 +147,7 @@ struct SelfSignedCertificate {
 
 /// An HTTP server (HTTPS with `tls`) on 127.0.0.1, port picked by the OS, serving on a thread of
 /// its own; the routes are set up by `routes` before it starts. Its port is 0 if it could not.
+/// Counts the requests it read (with a certificate no client trusts, none should get through).
 class LoopbackServer {
  public:
   explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes,
@@ -173,8 +155,10 @@ class LoopbackServer {
   ~LoopbackServer();
   int port() const { return port_; }
   std::string url(const std::string& path) const;
+  int64_t requests() const { return requests_.load(); }
 
  private:
+  std::atomic<int64_t> requests_{0};
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
   int port_ = 0;
