@@ -130,14 +130,6 @@ TEST(VNTRRequestResponse, quickReaderGivesTheWholeDocumentsEntriesOrLeavesIt) {
   }
 }
 
-TEST(VNTRRequestResponse, emptyArrayIsAnAnswerWithNoEntriesAndNoLog) {
-  test::CapturingLog log;
-  const auto response = VNTRRequestResponse::make("[]");
-  ASSERT_TRUE(response);
-  EXPECT_TRUE(response->methodResponses.empty());
-  EXPECT_TRUE(log.lines().empty());
-}
-
 // Request members are written without building JSON values; the text must be what dump() writes,
 // byte for byte, and invalid UTF-8 must be refused as dump() refuses it.
 TEST(JsonText, stringsAreWrittenAsDumpWritesThem) {
