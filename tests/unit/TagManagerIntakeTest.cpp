@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
-#include <thread>
 
 #include "core/Extensions.hpp"
 #include "facade/TagManagerCore.hpp"
@@ -170,27 +168,6 @@ TEST_F(FilterTest, theStoredExpiryAndUnusableAnswersDecideWhatIsAdmitted) {
   EXPECT_TRUE(filter.admits({"z"}));
   filter.updateFromResult(one, -5000);
   EXPECT_TRUE(filter.admits({"z"}));
-}
-
-TEST_F(FilterTest, readersOnOtherThreadsSeeWholeListsOnly) {
-  VNTREventFilter filter(0, clock);
-  json big = json::array();
-  for (int i = 0; i < 200; ++i) big.push_back({{"eventName", "e" + std::to_string(i)}});
-  std::atomic<bool> done{false};
-  std::atomic<int> torn{0};
-  const auto read = [&] {
-    while (!done.load()) {
-      const size_t size = filter.snapshot()->qualifiedEvents.size();
-      torn.fetch_add(size == 0 || size == 1 || size == 200 ? 0 : 1);
-      (void)filter.admits({"e199"});
-    }
-  };
-  std::thread first(read), second(read);
-  for (int i = 0; i < 300; ++i) filter.updateFromResult(i % 2 == 0 ? big : one, 60'000);
-  done.store(true);
-  first.join();
-  second.join();
-  EXPECT_EQ(torn.load(), 0);
 }
 
 }  // namespace

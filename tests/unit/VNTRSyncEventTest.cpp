@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <mutex>
@@ -13,7 +10,6 @@
 
 #include "core/Extensions.hpp"
 #include "core/ManualExecutor.hpp"
-#include "model/Uuid.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
 #include "support/TestSupport.hpp"
@@ -248,35 +244,6 @@ TEST_F(SyncEventTest, answersRemoveTheRecordAndWarnOnlyForTrackedIds) {
                 "[Warning] Nil response for a non-nil ID event. Removing event anyway."});
   EXPECT_EQ(delegate->seen().size(), 6u);  // three created, three processed
   EXPECT_EQ(rowsOnDisk(file), 0);
-}
-
-// Ids come from a per-thread buffer of kernel randomness; a forked child must not hand out the
-// ids its parent has yet to use.
-TEST(SyncEventIds, freshIdsAreWellFormedAndNotRepeatedByAForkedChild) {
-  EXPECT_TRUE(std::regex_match(makeUuidString(), kUuid));  // the buffer is now part used
-  constexpr size_t kEach = 200;
-  const auto make = [] {
-    std::string ids;
-    for (size_t i = 0; i < kEach; ++i) ids += makeUuidString();
-    return ids;
-  };
-  test::TempDir dir;
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    std::ofstream(dir / "ids") << make();
-    _exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  const std::string all = make() + test::readFile(dir / "ids");
-  ASSERT_EQ(all.size(), 2 * kEach * 36);
-  std::set<std::string> ids;
-  for (size_t at = 0; at < all.size(); at += 36) {
-    ids.insert(all.substr(at, 36));
-    EXPECT_TRUE(std::regex_match(all.substr(at, 36), kUuid)) << at;
-  }
-  EXPECT_EQ(ids.size(), 2 * kEach);
 }
 
 }  // namespace
