@@ -4,8 +4,8 @@
 
 #include "core/Extensions.hpp"
 #include "support/TestSupport.hpp"
-#include "transport/PlainAnswerScanner.hpp"
 #include "transport/HTTPMockClient.hpp"
+#include "transport/PlainAnswerScanner.hpp"
 #include "transport/VNTRRequestResponse.hpp"
 
 namespace vntr {
