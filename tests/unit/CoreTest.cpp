@@ -14,8 +14,6 @@
 #include "core/VNTRStatistic.hpp"
 #include "core/VNTRTagManagerError.hpp"
 #include "support/TestSupport.hpp"
-#include "transport/VNTRReachability.hpp"
-#include "transport/VNTRTimer.hpp"
 
 namespace vntr {
 namespace {
@@ -76,8 +74,6 @@ TEST(VNTRPreferences, delegatesAndSettingsSurviveHostBugsAndManyThreads) {
   EXPECT_EQ(log.lines().size(), 1u);
 
   VNTRPreferences fresh;
-  EXPECT_EQ(fresh.logLevel(), VantrelLogLevel::warning);
-  EXPECT_EQ(fresh.requestTimeout(), 30.0);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&fresh, t] {
@@ -173,40 +169,6 @@ TEST(Executors, runInOrderSurviveThrowingTasksAndRunNestedWaitsInline) {
   EXPECT_EQ(*manual.nextDelay(), 500ms);
   manual.advanceBy(500ms);
   EXPECT_EQ(manual.pending(), 0u);
-}
-
-TEST(VNTRTimer, runsOnceAfterItsDelayUnlessInvalidatedAndNeverSynchronously) {
-  ManualExecutor main;
-  int calls = 0;
-  auto timer = VNTRTimer::make(main, 2.0, [&] { ++calls; });
-  VNTRTimer::make(main, 1.0, [&] { calls += 10; })->invalidate();
-  VNTRTimer::make(main, 0.0, [&] { calls += 100; });
-  EXPECT_EQ(calls, 0);
-  main.advanceBy(1999ms);
-  EXPECT_EQ(calls, 100);
-  main.advanceBy(10s);
-  EXPECT_EQ(calls, 101);
-  EXPECT_TRUE(timer->isValid());  // fired, not cleared: the stale state
-  timer->invalidate();
-  EXPECT_FALSE(timer->isValid() || VNTRTimer().isValid());
-}
-
-TEST(VNTRReachability, mapsFlagsAndAsksForABatchOnEveryReachableUpdate) {
-  VNTRReachability reachability(VNTRReachability::Source::host, 0x2);
-  int asked = 0;
-  reachability.setOnReachable([&] { ++asked; });
-  for (const auto& [flags, type] :
-       {std::pair{0x2u, "wifi"}, {0x40002u, "carrier"}, {0x40000u, "none"}, {0x0u, "none"}}) {
-    reachability.updateFlags(flags);
-    EXPECT_EQ(reachability.connectionType(), type) << flags;
-    EXPECT_EQ(reachability.isReachableViaWiFi(), type == std::string("wifi"));
-  }
-  EXPECT_EQ(asked, 2);  // not for the initial state
-  test::CapturingLog log;
-  VNTRReachability none(VNTRReachability::Source::none);
-  EXPECT_TRUE(none.connectionType() == "unknown" && !none.isReachable());
-  EXPECT_EQ(log.lines(), std::vector<std::string>{
-                             "[Warning] Reachability is nil and will always return \"unknown\""});
 }
 
 }  // namespace

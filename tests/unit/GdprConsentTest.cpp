@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "facade/GdprConsent.hpp"
 #include "support/TestSupport.hpp"
@@ -209,37 +207,6 @@ TEST(GdprConsent, remoteCheckAnswers) {
     EXPECT_EQ(log.lines(),
               (Lines{kCannotDecide, "[Error] Unable to check gdpr. Invalid Check URL"}));
   }
-}
-
-// Consent keys written on several threads while the intake reads the decision (ThreadSanitizer
-// watches the defaults, their observers and the consent state).
-TEST(GdprConsent, keyChangesOnSeveralThreadsWhileIntakeReads) {
-  Harness h;
-  h.store("1", "1", vendors(24, '1'));
-  h.consent->start();
-  std::atomic<bool> done{false};
-  std::thread reader([&] {
-    for (int reads = 0; !done.load() && reads < 1'000'000; ++reads) {
-      (void)h.consent->hasGdprConsent();
-      (void)h.consent->subjectToGdprConsent();
-    }
-  });
-  std::vector<std::thread> writers;
-  for (const char* key : {"IABConsent_ParsedVendorConsents", "IABConsent_ParsedPurposeConsents"}) {
-    writers.emplace_back([&h, key] {
-      for (int i = 0; i < 20; ++i) h.defaults.setString(key, vendors(24, i % 2 ? '0' : '1'));
-    });
-  }
-  for (auto& writer : writers) writer.join();
-  done.store(true);
-  reader.join();
-  const UserDefaults reloaded(h.dir / "UserDefaults.json");  // each writer's last value is kept
-  EXPECT_EQ(reloaded.parsedVendorConsents(), vendors(24, '0'));
-  EXPECT_EQ(reloaded.parsedPurposeConsents(), vendors(24, '0'));
-  // Decisions racing on two threads may land in either order; the next change settles it.
-  h.defaults.setString("IABConsent_ParsedVendorConsents", vendors(24, '1'));
-  EXPECT_EQ(h.consent->hasGdprConsentValue(), true);
-  EXPECT_TRUE(h.urls.empty());
 }
 
 }  // namespace

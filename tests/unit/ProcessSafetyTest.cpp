@@ -1,9 +1,7 @@
 // What keeps one process's library safe from other processes and users: the /tmp fallback
-// directory check, the cross-process batch lock, and the bound on unsaved requests.
+// directory check and the bound on unsaved requests.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,7 +10,6 @@
 #include "platform/linux/Paths.hpp"
 #include "store/UnitOfWork.hpp"
 #include "support/TestSupport.hpp"
-#include "transport/BatchLock.hpp"
 
 namespace vntr::test {
 namespace {
@@ -54,23 +51,6 @@ TEST(ProcessSafety, aSharedFallbackDirectoryIsUsedOnlyWhenItIsTheUsersOwn) {
     ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
     EXPECT_EQ(claimPrivateDirectory(foreign).value_or("accepted"), "it belongs to uid 65534");
   }
-}
-
-TEST(ProcessSafety, theBatchLockAdmitsOneHolderAtATimeAndFollowsItsRelease) {
-  TempDir dir;
-  const auto file = dir.path() / "lock";
-  BatchLock mine(file);
-  ASSERT_TRUE(mine.tryAcquire());
-  // Another process's open of the same file: a separate description, so it conflicts.
-  const int other = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_GE(other, 0);
-  EXPECT_NE(::flock(other, LOCK_EX | LOCK_NB), 0);
-  mine.release();
-  EXPECT_EQ(::flock(other, LOCK_EX | LOCK_NB), 0);
-  EXPECT_FALSE(mine.tryAcquire());  // held by the other now
-  ::close(other);                   // as when its process dies
-  EXPECT_TRUE(mine.tryAcquire());
-  mine.release();
 }
 
 TEST(ProcessSafety, unsavedInsertsAreBoundedAndTheDroppedOnesCounted) {

@@ -125,28 +125,6 @@ std::vector<std::pair<int, int>> routePairs(const NetlinkSnapshot& snapshot) {
   return pairs;
 }
 
-TEST(RouteDecision, flagsFollowUsableDefaultRoutesAndPreferNonWwan) {
-  const std::map<int, LinkInfo> links = {{1, {"lo", true, false}},
-                                         {2, {"eth0", true, false}},
-                                         {3, {"wwan0", true, true}},
-                                         {4, {"eth1", false, false}},
-                                         {5, {"wwan1", false, true}}};
-  const std::pair<std::vector<DefaultRoute>, uint32_t> cases[] = {
-      {{}, 0},
-      {{{AF_INET, 4}}, 0},                   // interface down
-      {{{AF_INET, 9}}, 0},                   // interface vanished
-      {{{AF_INET6, 3}}, 0x40002},            // only WWAN
-      {{{AF_INET, 3}, {AF_INET6, 2}}, 0x2},  // the other uplink wins, in either order
-      {{{AF_INET, 2}, {AF_INET, 3}}, 0x2},
-      {{{AF_INET, 4}, {AF_INET, 3}}, 0x40002},  // the down one does not count
-      {{{AF_INET, 5}, {AF_INET, 4}}, 0},
-  };
-  for (const auto& [routes, expected] : cases) {
-    EXPECT_EQ(reachabilityFlagsFor(routes, links), expected)
-        << testing::PrintToString(routePairs({{}, routes}));
-  }
-}
-
 TEST(RouteDecision, multipartDumpCollectsLinksAndOnlyUsableMainDefaultRoutes) {
   constexpr uint32_t seq = 7;
   const std::vector<RouteSpec> unusable = {

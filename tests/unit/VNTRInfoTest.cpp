@@ -116,9 +116,8 @@ TEST(LinuxDeviceFacts, idfvIsAStablePerAppUUIDDerivedFromTheMachineId) {
   fx.write("machine-id", "3d1219c7c4c5404aaa1f6d2a48adfda4\n");
   EXPECT_EQ(fx.facts()->idfv(), "FDCEACCD-AD8E-4817-99D0-E4C7768EC447");
   EXPECT_NE(fx.facts("com.ex.other")->idfv(), fx.facts()->idfv());
-  for (const char* bad :
-       {"", "uninitialized\n", "3d1219c7c4c5404aaa1f6d2a48adfda",
-        "3d1219c7c4c5404aaa1f6d2a48adfdzz", "00000000000000000000000000000000"}) {
+  for (const char* bad : {"", "uninitialized\n", "3d1219c7c4c5404aaa1f6d2a48adfda",
+                          "3d1219c7c4c5404aaa1f6d2a48adfdzz", "00000000000000000000000000000000"}) {
     fx.write("machine-id", bad);
     EXPECT_EQ(fx.facts()->idfv(), "") << bad;
   }
