@@ -304,17 +304,22 @@ VNTRRequester& Runtime::requester() {
 }
 
 void Runtime::fireRequester(bool now) {
-  const auto fire = [now](VNTRRequester& sender) { now ? sender.fireNow() : sender.fire(); };
   if (auto* sender = createdRequester_.load()) {
-    fire(*sender);
+    now ? sender->fireNow() : sender->fire();
     return;
   }
   // Made on the store queue, behind the store's opening (no batch could go before it anyway):
-  // the host's thread starts no thread but the store's.
-  storeQueue_->post([liveness = liveness_, fire] {
+  // the host's thread starts no thread but the store's. Calls made before it exists share one
+  // task, which does what they asked for, so a burst queues no task per call.
+  const uint8_t asked = now ? kFireNow : kFire;
+  if (requesterAsked_.fetch_or(asked) != 0) return;
+  storeQueue_->post([liveness = liveness_] {
     std::scoped_lock lock(liveness->mutex);
     auto* runtime = liveness->runtime;
-    if (runtime != nullptr && !runtime->isShutDown()) fire(runtime->requester());
+    if (runtime == nullptr || runtime->isShutDown()) return;
+    const uint8_t wanted = runtime->requesterAsked_.exchange(0);
+    if ((wanted & kFire) != 0) runtime->requester().fire();
+    if ((wanted & kFireNow) != 0) runtime->requester().fireNow();
   });
 }
 

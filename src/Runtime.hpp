@@ -151,6 +151,10 @@ class Runtime {
   std::atomic<bool> shutDown_{false};
   std::atomic<EventDataManager*> createdStore_{nullptr};  // store_, once made
   std::atomic<VNTRRequester*> createdRequester_{nullptr};
+  // What calls made before the requester existed asked of it; the task that makes it clears it.
+  static constexpr uint8_t kFire = 1;
+  static constexpr uint8_t kFireNow = 2;
+  std::atomic<uint8_t> requesterAsked_{0};
   std::atomic<VNTRReachability*> createdReachability_{nullptr};
   std::mutex batchMutex_;
   std::condition_variable batchEnded_;
