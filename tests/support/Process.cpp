@@ -185,6 +185,16 @@ bool rerunCurrentTest(std::vector<std::string> launcher, std::optional<uid_t> ru
   options.stdoutFile = copy / "stdout";
   options.runAs = runAs;
   options.environment.push_back("VNTR_RERUN=1");
+  // A sanitizer refuses to start when it cannot read its suppressions file: copied too.
+  for (std::string& entry : options.environment) {
+    const size_t at = entry.find("suppressions=");
+    if (entry.find("SAN_OPTIONS=") == std::string::npos || at == std::string::npos) continue;
+    const size_t from = at + std::string_view("suppressions=").size();
+    const size_t end = entry.find(':', from);
+    const fs::path original = entry.substr(from, end - from);
+    fs::copy_file(original, copy / original.filename(), error);
+    if (!error) entry.replace(from, end - from, (copy / original.filename()).string());
+  }
   const Ended ended = runToEnd(options, std::chrono::seconds(120));
   EXPECT_EQ(ended.problem(), "") << "the run again:\n" << ended.out;
   EXPECT_NE(ended.out.find("[  PASSED  ] 1 test"), std::string::npos) << ended.out;
