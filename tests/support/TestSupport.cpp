@@ -105,8 +105,7 @@ HostLayout::HostLayout(fs::path r)
 StoreContents readStore(const fs::path& storeFile) {
   StoreContents contents;
   std::error_code ec;
-  contents.exists = fs::exists(storeFile, ec);
-  if (!contents.exists) return contents;
+  if (!fs::exists(storeFile, ec)) return contents;
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(storeFile.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
     contents.error = db != nullptr ? sqlite3_errmsg(db) : "cannot open";

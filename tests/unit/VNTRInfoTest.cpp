@@ -1,14 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-#include <atomic>
 #include <fstream>
 #include <map>
-#include <thread>
 
-#include "core/VNTRInfo.hpp"
 #include "platform/linux/LinuxDeviceFacts.hpp"
-#include "support/TestSupport.hpp"
+#include "support/Harness.hpp"
 
 namespace vntr {
 namespace {
@@ -18,40 +15,13 @@ using test::CapturingLog;
 using test::TempDir;
 
 const TimePoint kPinnedNow{seconds{1'700'000'000}};
-const TimePoint kInstalled{seconds{1'600'000'000}};
-
-/// Pinned facts that count how often they are asked for; or, like a broken host-supplied
-/// source, facts that all throw.
-class FakeFacts : public DeviceFactsSource {
- public:
-  explicit FakeFacts(bool throws = false) : throws_(throws) {}
-  std::string idfa() override { return ask("6D92078A-8246-4BA4-AE5B-76104861E7DC"); }
-  std::string idfv() override { return ask(""); }
-  std::string model() override { return ask("iPad Pro"); }
-  std::string systemVersion() override { return ask("12.1"); }
-  bool trackingEnabled() override { return !ask("yes").empty(); }
-  std::string sdkVersion() override { return ask("1.2.3"); }
-  std::string language() override { return ask("de-DE"); }
-  std::string hardware() override { return ask("iPad8,1"); }
-  std::optional<std::string> bundleIdentifier() override { return ask(""), std::nullopt; }
-  std::optional<TimePoint> firstInstall() override { return ask(""), installed; }
-
-  std::optional<TimePoint> installed;
-  std::atomic<int> calls{0};
-
- private:
-  std::string ask(std::string value) {
-    if (throws_) throw std::runtime_error("unavailable");
-    ++calls;
-    return value;
-  }
-  bool throws_;
-};
 
 // Facts are read once, even when many threads ask first; a missing install date falls back to
 // the first "now" with one warning; a source that throws yields safe fallbacks.
 TEST(VNTRInfo, readsEachFactOnceAndFallsBackSafely) {
-  auto facts = std::make_shared<FakeFacts>();
+  auto facts = std::make_shared<test::FakeFacts>();
+  const auto installed = *facts->installed;
+  facts->installed.reset();
   CapturingLog log;
   int clockReads = 0;
   VNTRInfo info(facts, [&] { return ++clockReads, kPinnedNow; });
@@ -60,27 +30,27 @@ TEST(VNTRInfo, readsEachFactOnceAndFallsBackSafely) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 50; ++i) {
-        mismatches += info.vntrOSAndVersion() != "iPadPro-12.1" || info.language() != "de-DE" ||
+        mismatches += info.vntrOSAndVersion() != "TestBox-12.1" || info.language() != "en-US" ||
                       info.idfa() != "6D92078A-8246-4BA4-AE5B-76104861E7DC" ||
-                      info.hardware() != "iPad8,1" || !info.trackingEnabled() ||
+                      info.hardware() != "x86_64" || !info.trackingEnabled() ||
                       info.trackingDisabled() || info.firstInstall() != kPinnedNow;
       }
     });
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(mismatches.load(), 0);
-  EXPECT_EQ(info.idfv() + info.iOSVersion() + info.sdkVersion(), "12.11.2.3");
-  EXPECT_FALSE(info.bundleIdentifier());
+  EXPECT_EQ(info.idfv() + info.iOSVersion() + info.sdkVersion(),
+            "11111111-2222-3333-4444-55555555555512.19.9.9");
+  EXPECT_EQ(info.bundleIdentifier(), "com.example.app");
   EXPECT_EQ(facts->calls.load(), 10);  // every fact asked for, each once
   EXPECT_EQ(clockReads, 1);
   const std::vector<std::string> warning = {"[Warning] No first install date found. Using now..."};
   EXPECT_EQ(log.lines(), warning);
 
-  facts = std::make_shared<FakeFacts>();
-  facts->installed = kInstalled;
-  EXPECT_EQ(VNTRInfo(facts, [] { return kPinnedNow; }).firstInstall(), kInstalled);
+  EXPECT_EQ(VNTRInfo(std::make_shared<test::FakeFacts>(), [] { return kPinnedNow; }).firstInstall(),
+            installed);
   log.clear();
-  VNTRInfo broken(std::make_shared<FakeFacts>(true), [] { return kPinnedNow; });
+  VNTRInfo broken(std::make_shared<test::FakeFacts>(true), [] { return kPinnedNow; });
   EXPECT_EQ(broken.idfa(), VNTRInfo::kZeroUUID);
   EXPECT_EQ(broken.idfv() + broken.language() + broken.vntrOSAndVersion(), "en-");
   EXPECT_FALSE(broken.trackingEnabled() || broken.bundleIdentifier());
