@@ -2,7 +2,6 @@
 // transport, the sandbox tag server on 127.0.0.1, answers back into the store.
 #include <gtest/gtest.h>
 
-#include "SandboxServer.hpp"
 #include "support/Harness.hpp"
 #include "transport/VNTRRequester.hpp"
 

@@ -4,7 +4,6 @@
 #include <future>
 
 #include "core/SerialExecutor.hpp"
-#include "store/EventDataManager.hpp"
 #include "support/Harness.hpp"
 #include "support/Process.hpp"
 

@@ -3,18 +3,11 @@
 // well-behaved server takes it), consent servers, and a sandbox injecting every fault.
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <sys/wait.h>
 
-#include <atomic>
-#include <chrono>
 #include <cmath>
-#include <functional>
 #include <limits>
-#include <mutex>
 #include <random>
-#include <set>
 
-#include "SandboxServer.hpp"
 #include "facade/TagManagerCore.hpp"
 #include "support/Harness.hpp"
 #include "support/Process.hpp"

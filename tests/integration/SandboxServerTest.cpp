@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <chrono>
 #include <map>
-#include <thread>
 #include <tuple>
 
 #include "SandboxServer.hpp"

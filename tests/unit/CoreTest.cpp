@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <future>
-#include <thread>
 
 #include "core/Extensions.hpp"
 #include "core/MainQueue.hpp"

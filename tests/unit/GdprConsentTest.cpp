@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <memory>
-#include <mutex>
 
 #include "facade/GdprConsent.hpp"
 #include "support/TestSupport.hpp"

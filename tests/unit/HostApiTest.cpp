@@ -1,5 +1,5 @@
 // What a host configures from outside: its own site ID beside the property list, the request
-// timeout, the directories and user defaults the library uses.
+// timeout, the directories (and the shared fallback's owner) and user defaults the library uses.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,8 +8,6 @@
 #include <cmath>
 #include <fstream>
 #include <map>
-#include <vntr/UserDefaults.hpp>
-#include <vntr/VNTRTagManager.hpp>
 
 #include "core/ProcessSettings.hpp"
 #include "platform/linux/Paths.hpp"
@@ -110,6 +108,45 @@ TEST(Paths, appNameIsTheBundleIdentifierWhenItIsASafeDirectoryName) {
   }
   EXPECT_EQ(appNameFor(std::nullopt, ""), "VNTRTagManager");
   EXPECT_FALSE(runningExecutable().name.empty());
+}
+
+// The /tmp fallback directory is shared by every user of the machine.
+TEST(ProcessSafety, aSharedFallbackDirectoryIsUsedOnlyWhenItIsTheUsersOwn) {
+  test::TempDir dir;
+  const struct {
+    const char* name;
+    char kind;  // 'd': a directory with `mode`, 'l': a link to one, 'f': a file, '-': nothing
+    mode_t mode;
+    const char* reason;
+  } cases[] = {
+      {"missing", '-', 0, "accepted"},
+      {"private", 'd', 0700, "accepted"},
+      {"group-writable", 'd', 0770, "others can write to it"},
+      {"world-writable", 'd', 0707, "others can write to it"},
+      {"symlink", 'l', 0, "it is a symbolic link"},
+      {"file", 'f', 0, "it is not a directory"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto path = dir / c.name;
+    if (c.kind == 'd') {
+      std::filesystem::create_directory(path);
+      std::filesystem::permissions(path, static_cast<std::filesystem::perms>(c.mode));
+    }
+    if (c.kind == 'l') std::filesystem::create_directory_symlink(dir / "private", path);
+    if (c.kind == 'f') std::ofstream(path) << "{}";
+    EXPECT_EQ(claimPrivateDirectory(path).value_or("accepted"), c.reason);
+    if (c.kind == '-' || c.mode == 0700) {
+      EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
+                std::filesystem::perms::owner_all);
+    }
+  }
+  if (::getuid() == 0) {
+    const auto foreign = dir / "foreign";
+    ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
+    ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(claimPrivateDirectory(foreign).value_or("accepted"), "it belongs to uid 65534");
+  }
 }
 
 // The paths are process-wide and freeze at first use, so one test walks the whole life cycle.

@@ -5,7 +5,6 @@
 #include <pthread.h>
 
 #include <fstream>
-#include <functional>
 
 #include "facade/VNTRTagManagerSiteID.hpp"
 #include "platform/linux/PropertyList.hpp"

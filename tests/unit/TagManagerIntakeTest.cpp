@@ -6,8 +6,6 @@
 #include "facade/TagManagerCore.hpp"
 #include "model/RequestSizeLimit.hpp"
 #include "model/VNTREventFilter.hpp"
-#include "model/VNTREventPriority.hpp"
-#include "model/VNTRSyncEvent.hpp"
 #include "support/Harness.hpp"
 #include "transport/VNTRRequester.hpp"
 

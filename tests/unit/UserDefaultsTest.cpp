@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <fstream>
-#include <thread>
 #include <vntr/UserDefaults.hpp>
 
 #include "platform/linux/Files.hpp"
