@@ -35,20 +35,12 @@ void RecordingTransport::post(std::string body, const std::string& url, HTTPComp
   {
     std::scoped_lock lock(mutex_);
     bodies_.push_back(body);
-  }
-  switch (mode) {
-    case Mode::mock:
-      mock.post(std::move(body), url, std::move(completion));
-      break;
-    case Mode::fail:
-      completion(std::nullopt, std::nullopt, kOffline);
-      break;
-    case Mode::hold: {
-      std::scoped_lock lock(mutex_);
+    if (mode == Mode::hold) {
       held_.emplace_back(std::move(body), std::move(completion));
-      break;
+      return;
     }
   }
+  mock.post(std::move(body), url, std::move(completion));
 }
 
 void RecordingTransport::releaseHeld(bool fail) {

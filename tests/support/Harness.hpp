@@ -48,11 +48,11 @@ class FakeFacts final : public DeviceFactsSource {
   bool throws_;
 };
 
-/// A transport that records every body and answers through an HTTPMockClient, fails, or holds the
+/// A transport that records every body and answers through an HTTPMockClient, or holds the
 /// completion until the test releases it.
 class RecordingTransport final : public HTTPClientProtocol {
  public:
-  enum class Mode { mock, fail, hold };
+  enum class Mode { mock, hold };
 
   void post(std::string body, const std::string& url, HTTPCompletion completion) override;
 

@@ -34,6 +34,7 @@ struct Harness {
       : consent(std::make_unique<GdprConsent>(defaults, get(), endpoint)) {}
   HTTPGet get() {
     return [this](const std::string& url, HTTPCompletion completion) {
+      if (throws) throw std::runtime_error("no sockets");
       std::scoped_lock lock(mutex);
       urls.push_back(url);
       pending.push_back(std::move(completion));
@@ -60,6 +61,7 @@ struct Harness {
   std::mutex mutex;
   Lines urls;  // guarded by mutex while other threads may ask
   std::deque<HTTPCompletion> pending;
+  bool throws = false;  // the transport throws instead of sending
   std::unique_ptr<GdprConsent> consent;
 };
 
@@ -188,10 +190,7 @@ TEST(GdprConsent, remoteCheckAnswers) {
     EXPECT_EQ(log.lines(), answer.lines);
   }
   Harness throwing;
-  throwing.consent = std::make_unique<GdprConsent>(
-      throwing.defaults,
-      [](const std::string&, HTTPCompletion) { throw std::runtime_error("no sockets"); },
-      kEndpoint);
+  throwing.throws = true;
   CapturingLog log;
   throwing.consent->remoteRetrieveConsent();
   EXPECT_EQ(log.lines(), (Lines{failed + "no sockets", noData, kFalse}));

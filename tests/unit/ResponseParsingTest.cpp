@@ -2,6 +2,8 @@
 // mock server the requester tests talk to.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "core/Extensions.hpp"
 #include "support/TestSupport.hpp"
 #include "transport/HTTPMockClient.hpp"
@@ -63,22 +65,11 @@ TEST(VNTRRequestResponse, readsEntriesAsTheWholeDocumentWouldSkippingUnusableOne
                 5, "[Warning] Unable to create remote Response Object for single response."));
 }
 
-// Numbers compare equal across their kinds in nlohmann::json; the kind matters here.
+// Numbers compare equal across their kinds in nlohmann::json; the kind matters here. Equal
+// containers hold their members in the same order (objects sort their keys).
 bool sameTyped(const nlohmann::json& a, const nlohmann::json& b) {
-  if (a.type() != b.type() || a.size() != b.size()) return false;
-  if (a.is_object()) {
-    for (auto it = a.begin(); it != a.end(); ++it) {
-      if (!b.contains(it.key()) || !sameTyped(*it, b.at(it.key()))) return false;
-    }
-    return true;
-  }
-  if (a.is_array()) {
-    for (size_t i = 0; i < a.size(); ++i) {
-      if (!sameTyped(a[i], b[i])) return false;
-    }
-    return true;
-  }
-  return a == b;
+  if (a.type() != b.type() || a != b) return false;
+  return !a.is_structured() || std::equal(a.begin(), a.end(), b.begin(), b.end(), sameTyped);
 }
 
 // The quick reader takes the plain answers servers send and gives exactly the entries of the

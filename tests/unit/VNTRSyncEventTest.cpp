@@ -188,7 +188,6 @@ TEST_F(SyncEventTest, badEventDataIsRefusedWithItsLineAndLeavesNothingBehind) {
   cases.push_back({"string", "text", kInvalid});
   cases.push_back({"NaN", {{"v", std::nan("")}}, kInvalid});
   cases.push_back({"infinity", {{"v", {1, std::numeric_limits<double>::infinity()}}}, kInvalid});
-  cases.push_back({"deep", nested(10000), kInvalid});
   cases.push_back({"one too deep", nested(VNTRSyncEvent::kMaxEventDataDepth + 1), kInvalid});
   cases.push_back({"bad UTF-8 value", {{"v", "ok\xC3\x28"}}, kUnserializable});
   cases.push_back({"bad UTF-8 key", {{"\xED\xA0\x80", 1}}, kUnserializable});
@@ -228,7 +227,7 @@ TEST_F(SyncEventTest, aBurstIsBuiltInCallOrderAndReportedOnlyOnceCommittedInBoun
   // its syncs instead of paying one per event.
   const int syncs = walSyncs.load() - syncsBefore;
   EXPECT_GE(syncs, 2) << "eventCreated was reported for commits that were never synced";
-  EXPECT_LE(syncs, 8) << "a burst of " << burst << " calls synced per event";
+  EXPECT_LE(syncs, 4) << "a burst of " << burst << " calls synced per event";
 
   // Each creation is reported after the commit that holds it.
   const auto seen = delegate->seen();
