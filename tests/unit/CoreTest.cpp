@@ -43,14 +43,6 @@ TEST(Extensions, timestampsAreGmtWhateverTheLocalZoneAndTextIsCheckedAsUTF8) {
   }
 }
 
-TEST(Extensions, templatesAreFoundByFullFileNameAndAMissingOneIsLogged) {
-  EXPECT_EQ((*dictionaryFromJSFileNamed("SyncEventBase.js"))["method"], "syncEvent");
-  EXPECT_FALSE(dataFromResourceNamed("syncEventBase.js"));
-  CapturingLog log;
-  EXPECT_FALSE(dictionaryFromJSFileNamed("Nope.js"));
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"[Error] Nope.js data read failed"});
-}
-
 TEST(Enumerations, rawValuesRoundTripAndOthersAreRefused) {
   for (int64_t raw = -1; raw <= 10; ++raw) {
     EXPECT_EQ(VNTRStatistic::fromRawValue(raw).has_value(), raw >= 0 && raw < 10) << raw;
