@@ -26,12 +26,6 @@ static void on_log(int level, const char* const* strings, size_t count, void* co
   }
 }
 
-static void on_statistic(int64_t statistic, int64_t adjustment, void* context) {
-  (void)statistic;
-  (void)adjustment;
-  (void)context;
-}
-
 /* Run with "host-site-id", the program sets a site ID and consent first, so the calls reach
  * the later checks; without it every call stops at the site ID. Either way each refused call
  * logs one line, and the status depends on the arguments alone. */
@@ -46,7 +40,6 @@ int main(int argc, char** argv) {
   vntr_set_log_level(3); /* not a level: ignored */
   CHECK(vntr_log_level() == VNTR_LOG_VERBOSE);
   vntr_set_logging_callback(on_log, NULL);
-  vntr_set_delegate(on_statistic, NULL);
   CHECK(vntr_set_server_url("http://127.0.0.1:9/tags") == VNTR_OK);
   CHECK(vntr_set_site_id(NULL) == VNTR_INVALID_ARGUMENT);
   CHECK(vntr_set_site_id("") == VNTR_INVALID_ARGUMENT);
@@ -94,7 +87,6 @@ int main(int argc, char** argv) {
   CHECK(vntr_set_consent_check_url(NULL) == VNTR_OK);
   vntr_set_retry_backoff(0);
   vntr_set_logging_callback(NULL, NULL);
-  vntr_set_delegate(NULL, NULL);
   if (failures == 0) printf("1 passed, 0 failed\n");
   return failures == 0 ? 0 : 1;
 }

@@ -3,13 +3,9 @@
 #include <httplib.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <future>
 #include <limits>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
 #include "support/TestSupport.hpp"
 #include "transport/HTTPClient.hpp"

@@ -5,14 +5,10 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "facade/TagManagerCore.hpp"
 #include "platform/linux/RouteMonitor.hpp"

@@ -7,30 +7,40 @@
 namespace vntr::test {
 
 namespace {
+
 const HTTPError kOffline{"CURL", 7, "Couldn't connect to server"};
+
+// What every test runtime shares: the host's directories (with the site ID's property list when
+// `siteId`), user defaults saying the user is not subject to GDPR when `consent`, pinned device
+// facts, and host-reported reachability starting reachable.
+RuntimeOptions hostOptions(const HostLayout& layout, std::shared_ptr<UserDefaults>& defaults,
+                           bool siteId, bool consent) {
+  std::filesystem::create_directories(layout.bundle);
+  std::filesystem::create_directories(layout.documents);
+  if (siteId) writeSiteID(layout.bundle);
+  defaults = std::make_shared<UserDefaults>(layout.defaults);
+  if (consent) defaults->setString("IABConsent_SubjectToGDPR", "0");
+  RuntimeOptions options;
+  options.paths = layout.paths();
+  options.facts = std::make_shared<FakeFacts>();
+  options.userDefaults = defaults;
+  options.reachabilitySource = VNTRReachability::Source::host;
+  options.initialReachabilityFlags = VNTRReachability::kReachable;
+  return options;
 }
+
+}  // namespace
 
 void RecordingTransport::post(std::string body, const std::string& url, HTTPCompletion completion) {
   {
     std::scoped_lock lock(mutex_);
     bodies_.push_back(body);
-  }
-  switch (mode) {
-    case Mode::mock:
-      mock.post(std::move(body), url, std::move(completion));
-      break;
-    case Mode::emptyAnswer:
-      completion(std::string("[]"), HTTPURLResponse{url, 200}, std::nullopt);
-      break;
-    case Mode::fail:
-      completion(std::nullopt, std::nullopt, kOffline);
-      break;
-    case Mode::hold: {
-      std::scoped_lock lock(mutex_);
+    if (mode == Mode::hold) {
       held_.emplace_back(std::move(body), std::move(completion));
-      break;
+      return;
     }
   }
+  mock.post(std::move(body), url, std::move(completion));
 }
 
 void RecordingTransport::releaseHeld(bool fail) {
@@ -58,11 +68,6 @@ std::vector<std::string> RecordingTransport::ids(size_t index) const {
   return ids;
 }
 
-std::vector<std::string> RecordingTransport::bodies() const {
-  std::scoped_lock lock(mutex_);
-  return bodies_;
-}
-
 size_t RecordingTransport::batches() const {
   std::scoped_lock lock(mutex_);
   return bodies_.size();
@@ -72,27 +77,17 @@ Harness::Harness(HarnessOptions options)
     : layout(options.root.empty() ? dir.path() : options.root),
       queue(std::make_shared<ManualExecutor>()),
       transport(std::make_shared<RecordingTransport>()),
-      delegate(std::make_shared<RecordingDelegate>()),
-      facts(std::make_shared<FakeFacts>()) {
-  std::filesystem::create_directories(layout.bundle);
-  std::filesystem::create_directories(layout.documents);
-  if (options.siteId) writeSiteID(layout.bundle);
-  defaults = std::make_shared<UserDefaults>(layout.defaults);
-  if (options.consent) defaults->setString("IABConsent_SubjectToGDPR", "0");
+      delegate(std::make_shared<RecordingDelegate>()) {
+  RuntimeOptions runtimeOptions = hostOptions(layout, defaults, options.siteId, options.consent);
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
-  RuntimeOptions runtimeOptions;
   runtimeOptions.mainQueue = queue;
   runtimeOptions.storeQueue = queue;
   runtimeOptions.clock = queue->sharedClock();
-  runtimeOptions.paths = layout.paths();
-  runtimeOptions.facts = facts;
   runtimeOptions.httpClient = transport;
   runtimeOptions.consentGet = [](const std::string&, HTTPCompletion completion) {
     completion(std::nullopt, std::nullopt, kOffline);
   };
-  runtimeOptions.userDefaults = defaults;
   runtimeOptions.reachabilitySource = options.reachabilitySource;
-  runtimeOptions.initialReachabilityFlags = options.reachabilityFlags;
   runtimeOptions.siteID = options.hostSiteId;
   runtime = std::make_unique<Runtime>(std::move(runtimeOptions));
 }
@@ -102,11 +97,11 @@ Harness::~Harness() {
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(nullptr);
 }
 
-void Harness::storeEvents(int n, const std::string& prefix) {
+void Harness::storeEvents(int n) {
   const auto& env = runtime->syncEventEnvironment();
   for (int i = 0; i < n; ++i) {
-    VNTRSyncEvent::createEvent(env, {prefix + std::to_string(i)}, "group", nlohmann::json::object(),
-                               VNTREventPriority::high);
+    VNTRSyncEvent::createEvent(env, {"event" + std::to_string(i)}, "group",
+                               nlohmann::json::object(), VNTREventPriority::high);
     queue->runUntilIdle();
     queue->clock().advance(std::chrono::milliseconds(1));
   }
@@ -149,21 +144,12 @@ std::vector<std::string> Harness::storedIds() {
 }
 
 LiveRuntime::LiveRuntime(const std::filesystem::path& root, LiveRuntimeOptions options) {
-  const HostLayout layout(root);
-  writeSiteID(layout.bundle);
-  defaults_ = std::make_shared<UserDefaults>(layout.defaults);
-  if (options.notSubjectToGdpr) defaults_->setString("IABConsent_SubjectToGDPR", "0");
-
-  RuntimeOptions runtimeOptions;
+  RuntimeOptions runtimeOptions =
+      hostOptions(HostLayout(root), defaults_, /*siteId=*/true, options.notSubjectToGdpr);
   runtimeOptions.mainQueue =
       options.mainQueue ? options.mainQueue : std::make_shared<SerialExecutor>("TestMain");
   runtimeOptions.storeQueue =
       options.storeQueue ? options.storeQueue : std::make_shared<SerialExecutor>("TestStore");
-  runtimeOptions.paths = layout.paths();
-  runtimeOptions.facts = std::make_shared<FakeFacts>();
-  runtimeOptions.userDefaults = defaults_;
-  runtimeOptions.reachabilitySource = VNTRReachability::Source::host;
-  runtimeOptions.initialReachabilityFlags = VNTRReachability::kReachable;
   runtimeOptions.consentCheckURL = options.consentCheckURL;
   runtime_ = std::make_unique<Runtime>(std::move(runtimeOptions));
 

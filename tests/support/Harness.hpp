@@ -4,6 +4,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 #include <vntr/UserDefaults.hpp>
@@ -19,35 +20,44 @@
 
 namespace vntr::test {
 
-/// Device facts pinned to known values.
+/// Device facts pinned to known values that count how often they are asked for; or, like a broken
+/// host-supplied source, facts that all throw.
 class FakeFacts final : public DeviceFactsSource {
  public:
-  std::string idfa() override { return "00000000-0000-0000-0000-000000000000"; }
-  std::string idfv() override { return "11111111-2222-3333-4444-555555555555"; }
-  std::string model() override { return "Test Box"; }
-  std::string systemVersion() override { return "12.1"; }
-  bool trackingEnabled() override { return false; }
-  std::string sdkVersion() override { return "9.9.9"; }
-  std::string language() override { return "en-US"; }
-  std::string hardware() override { return "x86_64"; }
-  std::optional<std::string> bundleIdentifier() override { return bundleId; }
-  std::optional<TimePoint> firstInstall() override {
-    return TimePoint{std::chrono::seconds{1551441600}};  // 2019-03-01 12:00:00 UTC
+  explicit FakeFacts(bool throws = false) : throws_(throws) {}
+  std::string idfa() override { return ask("6D92078A-8246-4BA4-AE5B-76104861E7DC"); }
+  std::string idfv() override { return ask("11111111-2222-3333-4444-555555555555"); }
+  std::string model() override { return ask("Test Box"); }
+  std::string systemVersion() override { return ask("12.1"); }
+  bool trackingEnabled() override { return ask("").empty(); }
+  std::string sdkVersion() override { return ask("9.9.9"); }
+  std::string language() override { return ask("en-US"); }
+  std::string hardware() override { return ask("x86_64"); }
+  std::optional<std::string> bundleIdentifier() override { return ask("com.example.app"); }
+  std::optional<TimePoint> firstInstall() override { return ask(""), installed; }
+
+  std::optional<TimePoint> installed = TimePoint{std::chrono::seconds{1551441600}};  // 2019-03-01
+  std::atomic<int> calls{0};
+
+ private:
+  std::string ask(std::string value) {
+    if (throws_) throw std::runtime_error("unavailable");
+    ++calls;
+    return value;
   }
-  std::optional<std::string> bundleId = "com.example.app";
+  bool throws_;
 };
 
-/// A transport that records every body and answers through an HTTPMockClient, answers nothing
-/// useful, fails, or holds the completion until the test releases it.
+/// A transport that records every body and answers through an HTTPMockClient, or holds the
+/// completion until the test releases it.
 class RecordingTransport final : public HTTPClientProtocol {
  public:
-  enum class Mode { mock, emptyAnswer, fail, hold };
+  enum class Mode { mock, hold };
 
   void post(std::string body, const std::string& url, HTTPCompletion completion) override;
 
   /// The members' ids of batch `index`, in body order.
   std::vector<std::string> ids(size_t index) const;
-  std::vector<std::string> bodies() const;
   size_t batches() const;
   /// Answers the held batches through the mock, or fails them without a response.
   void releaseHeld(bool fail = false);
@@ -68,7 +78,6 @@ struct HarnessOptions {
   /// The host's site ID, used when the plist gives none.
   std::optional<std::string> hostSiteId = std::nullopt;
   bool consent = true;
-  uint32_t reachabilityFlags = 0x2;  // the host-reported starting state
   /// The kernel source starts the real route monitor (for tests in a network namespace).
   VNTRReachability::Source reachabilitySource = VNTRReachability::Source::host;
 };
@@ -81,9 +90,9 @@ class Harness {
   explicit Harness(HarnessOptions options = {});
   ~Harness();
 
-  /// Queues `n` high-priority events through the sync-event path, one clock millisecond apart,
-  /// and runs the store work.
-  void storeEvents(int n, const std::string& prefix = "event");
+  /// Queues `n` high-priority events through the sync-event path (past the intake's checks), one
+  /// clock millisecond apart, and runs the store work.
+  void storeEvents(int n);
   /// `n` calls through intake with eventData {"seq": nextSeq++}; their store work runs.
   void fire(int n);
   /// One batch now, answered as the transport's mode says.
@@ -99,7 +108,6 @@ class Harness {
   std::shared_ptr<RecordingTransport> transport;
   std::shared_ptr<UserDefaults> defaults;
   std::shared_ptr<RecordingDelegate> delegate;
-  std::shared_ptr<FakeFacts> facts;
   std::unique_ptr<Runtime> runtime;
   int64_t nextSeq = 0;
 };

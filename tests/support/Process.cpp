@@ -70,13 +70,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
   ::_exit(127);
 }
 
-// "exited with 3", "killed by signal 6": for failure messages.
-std::string describeWaitStatus(int status) {
-  if (WIFEXITED(status)) return "exited with " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
-  return "wait status " + std::to_string(status);
-}
-
 }  // namespace
 
 ChildProcess::ChildProcess(const Options& options) {
@@ -141,8 +134,10 @@ bool hasSanitizerReport(const std::string& text) {
 
 std::string Ended::problem() const {
   if (status < 0) return "did not end:\n" + err;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && !hasSanitizerReport(err)) return "";
-  return describeWaitStatus(status) + ":\n" + err;
+  if (WIFSIGNALED(status))
+    return "killed by signal " + std::to_string(WTERMSIG(status)) + ":\n" + err;
+  if (WEXITSTATUS(status) == 0 && !hasSanitizerReport(err)) return "";
+  return "exited with " + std::to_string(WEXITSTATUS(status)) + ":\n" + err;
 }
 
 Ended runToEnd(const ChildProcess::Options& options, std::chrono::seconds timeout) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "core/MainQueue.hpp"
 #include "core/VNTRDebug.hpp"
@@ -105,8 +106,7 @@ HostLayout::HostLayout(fs::path r)
 StoreContents readStore(const fs::path& storeFile) {
   StoreContents contents;
   std::error_code ec;
-  contents.exists = fs::exists(storeFile, ec);
-  if (!contents.exists) return contents;
+  if (!fs::exists(storeFile, ec)) return contents;
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(storeFile.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
     contents.error = db != nullptr ? sqlite3_errmsg(db) : "cannot open";
@@ -115,30 +115,23 @@ StoreContents readStore(const fs::path& storeFile) {
   }
   sqlite3_busy_timeout(db, 5000);
   contents.opened = true;
+  const auto check = [](void* out, int, char** values, char**) {
+    auto& text = static_cast<StoreContents*>(out)->integrity;
+    text += (text.empty() ? "" : "\n") + std::string(values[0] != nullptr ? values[0] : "");
+    return 0;
+  };
+  const auto request = [](void* out, int, char** values, char**) {
+    auto& read = *static_cast<StoreContents*>(out);
+    ++read.rows;
+    if (values[0] != nullptr) read.sequences.insert(std::strtoll(values[0], nullptr, 10));
+    return 0;
+  };
   // A store killed before it made its table holds no requests.
-  for (const char* query : {"PRAGMA integrity_check",
-                            "SELECT json_extract(jsonData, '$.params.eventData.seq') "
-                            "FROM SyncEvent"}) {
-    const bool integrity = query[0] == 'P';
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, query, -1, &stmt, nullptr) != SQLITE_OK) {
-      if (integrity) contents.error = sqlite3_errmsg(db);
-      continue;
-    }
-    int step = SQLITE_ROW;
-    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
-      if (integrity) {
-        if (!contents.integrity.empty()) contents.integrity += "\n";
-        contents.integrity += reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-      } else {
-        ++contents.rows;
-        if (sqlite3_column_type(stmt, 0) == SQLITE_INTEGER) {
-          contents.sequences.insert(sqlite3_column_int64(stmt, 0));
-        }
-      }
-    }
-    if (step != SQLITE_DONE) contents.error = sqlite3_errmsg(db);
-    sqlite3_finalize(stmt);
+  const char* requests = "SELECT json_extract(jsonData, '$.params.eventData.seq') FROM SyncEvent";
+  if (sqlite3_exec(db, "PRAGMA integrity_check", check, &contents, nullptr) != SQLITE_OK ||
+      (sqlite3_exec(db, requests, request, &contents, nullptr) != SQLITE_OK &&
+       !std::string_view(sqlite3_errmsg(db)).starts_with("no such table"))) {
+    contents.error = sqlite3_errmsg(db);
   }
   sqlite3_close_v2(db);
   return contents;

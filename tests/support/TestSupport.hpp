@@ -103,7 +103,6 @@ struct HostLayout {
 /// What a store file holds, read through a connection of the test's own (which also recovers a
 /// write-ahead log left behind by a killed writer).
 struct StoreContents {
-  bool exists = false;
   bool opened = false;
   std::string integrity;  // the rows of PRAGMA integrity_check joined by "\n"; "ok" when sound
   int64_t rows = 0;

@@ -1,15 +1,13 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <memory>
 
 #include "core/Extensions.hpp"
 #include "core/ManualExecutor.hpp"
 #include "model/VNTRSyncEvent.hpp"
 #include "store/EventDataManager.hpp"
+#include "store/UnitOfWork.hpp"
 #include "support/TestSupport.hpp"
 
 namespace vntr {
@@ -223,6 +221,21 @@ TEST_F(StoreTest, batchedWorkSharesOneCommitAndRunsItsCallbacksAfterIt) {
   store->performBatched([] {});
   queue->runUntilIdle();
   EXPECT_TRUE(writableByOthers(file));
+}
+
+// A store that cannot save keeps what it may in memory, within bounds.
+TEST(ProcessSafety, unsavedInsertsAreBoundedAndTheDroppedOnesCounted) {
+  store::UnitOfWork changes;
+  const int64_t extra = 7;
+  const auto total = static_cast<int64_t>(store::UnitOfWork::kMaxPendingInserts) + extra;
+  for (int64_t n = 0; n < total; ++n) {
+    changes.insert(
+        store::Row{store::kFirstProvisionalKey + n, "id" + std::to_string(n), "{}", 0, nullptr});
+  }
+  EXPECT_EQ(changes.inserted().size(), store::UnitOfWork::kMaxPendingInserts);
+  EXPECT_EQ(changes.inserted().front().id, "id" + std::to_string(extra));  // the oldest went
+  EXPECT_EQ(changes.takeOverflowed(), static_cast<size_t>(extra));
+  EXPECT_EQ(changes.takeOverflowed(), 0u);
 }
 
 }  // namespace
