@@ -29,18 +29,19 @@ class FakeFacts final : public DeviceFactsSource {
   std::string idfv() override { return ask("11111111-2222-3333-4444-555555555555"); }
   std::string model() override { return ask("Test Box"); }
   std::string systemVersion() override { return ask("12.1"); }
-  bool trackingEnabled() override { return ask("").empty(); }
+  bool trackingEnabled() override { return ask(true); }
   std::string sdkVersion() override { return ask("9.9.9"); }
   std::string language() override { return ask("en-US"); }
   std::string hardware() override { return ask("x86_64"); }
   std::optional<std::string> bundleIdentifier() override { return ask("com.example.app"); }
-  std::optional<TimePoint> firstInstall() override { return ask(""), installed; }
+  std::optional<TimePoint> firstInstall() override { return ask(installed); }
 
   std::optional<TimePoint> installed = TimePoint{std::chrono::seconds{1551441600}};  // 2019-03-01
   std::atomic<int> calls{0};
 
  private:
-  std::string ask(std::string value) {
+  template <class T>
+  T ask(T value) {
     if (throws_) throw std::runtime_error("unavailable");
     ++calls;
     return value;
