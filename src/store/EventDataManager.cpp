@@ -103,20 +103,18 @@ void EventDataManager::Impl::runBatched(const Executor::Task& task) {
 }
 
 void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
-  // Nested in a burst (or in another joining task), the outer one saves.
+  // Nested in a burst (or in another joining task), the outer one saves or holds.
   if (batching_) {
     task();
     return;
   }
   // One transaction spans the task: a batch answer looks up and deletes each of its requests,
-  // which would otherwise take and drop the file locks once per request. The save commits it;
-  // a task that leaves nothing to save (or throws) ends it here.
+  // which would otherwise take and drop the file locks once per request.
   struct Joining {
     Impl& impl;
     bool began = false;
     explicit Joining(Impl& i) : impl(i) {
       impl.batching_ = true;
-      // Answers only delete: their commit need not wait for the disk (see UnitOfWork::commit).
       began = impl.db_ && !impl.db_->inTransaction() && impl.db_->begin(/*durable=*/false);
     }
     ~Joining() {
@@ -125,8 +123,6 @@ void EventDataManager::Impl::runJoiningSaves(const Executor::Task& task) {
     }
   } joining(*this);
   task();
-  batching_ = false;
-  if (hasChanges() || !afterSave_.empty()) saveContext();
 }
 
 void EventDataManager::Impl::saveContext() {
@@ -269,6 +265,13 @@ void EventDataManager::performBatched(Executor::Task task) {
 
 void EventDataManager::performAndWaitJoiningSaves(const Executor::Task& task) {
   impl_->queue().performAndWait([&] { impl_->runJoiningSaves(task); });
+}
+
+void EventDataManager::saveContextLater(Executor::Task afterSave) {
+  impl_->queue().post([weak = std::weak_ptr<Impl>(impl_), afterSave = std::move(afterSave)] {
+    if (const auto impl = weak.lock()) impl->saveContext();
+    if (afterSave) afterSave();
+  });
 }
 
 EventDataManager::StoreKind EventDataManager::kind() const { return impl_->kind(); }

@@ -74,9 +74,13 @@ class EventDataManager {
   /// commit instead of one each. Any thread.
   void performBatched(Executor::Task task);
   /// Like `performAndWait`, with every save that `task` asks for through `saveContextThen`
-  /// joined into one commit when it ends: the answers to a whole batch cost one commit instead
-  /// of one each. Any thread.
+  /// held back and joined: the answers to a whole batch cost one commit instead of one each,
+  /// made by the queue's next save (`saveContextLater`, say). Until then every read on the
+  /// queue leaves the pending deletes out. Any thread.
   void performAndWaitJoiningSaves(const Executor::Task& task);
+  /// Saves in a task of the queue, then runs `afterSave` there (also without a store). Any
+  /// thread.
+  void saveContextLater(Executor::Task afterSave);
   /// How the fallback chain ended (`none` until it has run on the queue); any thread.
   StoreKind kind() const;
 
@@ -98,7 +102,7 @@ class EventDataManager {
   /// Saves and then runs `afterSave`. Inside a `performBatched` task the save (and so
   /// `afterSave`) may be left to the end of the task or to a later task of the same burst,
   /// until kMaxBatchedSaves saves wait; inside
-  /// `performAndWaitJoiningSaves` it is left to the end of that task.
+  /// `performAndWaitJoiningSaves` it is left to the queue's next save.
   void saveContextThen(Executor::Task afterSave);
   /// True while changes are pending.
   bool hasChanges() const;

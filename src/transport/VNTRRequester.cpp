@@ -51,10 +51,11 @@ void VNTRRequester::setBatchEndedObserver(std::function<void()> observer) {
   batchEnded_.swap(next);
 }
 
-void VNTRRequester::endBatch() {
-  // Released only once the answers' deletes are done: earlier, another process could send the
-  // requests this reply is removing.
+void VNTRRequester::releaseBatchLock() const {
   if (batchLock_) batchLock_->release();
+}
+
+void VNTRRequester::endBatch() {
   isRequesting.store(false);
   std::shared_ptr<const std::function<void()>> observer;
   {
@@ -118,16 +119,16 @@ void VNTRRequester::performRemoteRequests() {
   const int64_t firedAt = cycleClock_.timerFired();
   isRequesting.store(true);
   batchTimer()->invalidate();
-  // Another process has a batch in flight on this queue file: try again at the next timer.
-  if (batchLock_ && !batchLock_->tryAcquire()) {
-    endBatch();
-    fire();
-    return;
-  }
 
   auto pending = std::make_shared<PendingTable>();
   SentBatch sent;
   std::string body = buildBody(*pending, sent);
+  // Another process has a batch in flight on this queue file: try again at the next timer.
+  if (sent.lockRefused) {
+    endBatch();
+    fire();
+    return;
+  }
   if (sent.requests == 0) {
     endBatch();
     return;
@@ -146,11 +147,19 @@ void VNTRRequester::performRemoteRequests() {
 
 std::string VNTRRequester::buildBody(PendingTable& pending, SentBatch& sent) {
   std::string body;
-  // Dequeue, build and tell untracked requests they get no answer, all in one visit to the
-  // store queue: the requests are store objects and are only touched there.
+  // Lock, dequeue, build and tell untracked requests they get no answer, all in one visit to
+  // the store queue: the requests are store objects and are only touched there. The lock is
+  // taken there too, behind the commit that releases it after the previous batch's answers.
   store_.performAndWait([&] {
+    if (batchLock_ && !batchLock_->tryAcquire()) {
+      sent.lockRefused = true;
+      return;
+    }
     auto events = store_.deQueue(sizer_.requestLimit());
-    if (events.empty()) return;
+    if (events.empty()) {
+      releaseBatchLock();
+      return;
+    }
     std::vector<std::shared_ptr<VNTRMethodProtocol>> methods;
     if (auto getEvents = makeGetEvents_ ? makeGetEvents_() : nullptr) {
       methods.push_back(std::move(getEvents));
@@ -193,6 +202,7 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
   // The error and the status code do not change how the answer is handled: the body decides.
   // They only pace and size the following batches.
   bool parsed = false;
+  const bool answered = response && data;
   if (response) {
     cycleClock_.replyArrived();  // a failed request's next timer waits for the network
     reportStatistic(VNTRStatistic::responseReceived, 1);
@@ -200,16 +210,28 @@ void VNTRRequester::handleReply(PendingTable& pending, const SentBatch& sent,
       reportStatistic(VNTRStatistic::responseEmpty, 1);
     } else {
       reportStatistic(VNTRStatistic::responseDataReceived, 1);
-      // One commit for all the requests the answer settles.
+      // The answered requests leave the queue at once; their one commit waits (see below).
       store_.performAndWaitJoiningSaves([&] { parsed = detail::dispatchResults(pending, *data); });
     }
   } else {
     reportStatistic(VNTRStatistic::requestFailed, 1);
   }
+  if (!answered) releaseBatchLock();  // nothing to remove
   settle(BatchOutcome::of(response, error, data.has_value(), parsed), sent);
   endBatch();
   // Offline: the reachability callback restarts the requester when the network returns.
   if (response || reachability_.isReachable()) fire();
+  if (!answered) return;
+  // The commit of the deletes goes behind the next timer on the main queue, so that it does not
+  // take the CPU from the steps that arm it. The next batch's dequeue waits on the store queue
+  // behind the commit, and the lock goes only once it is done: earlier, another process could
+  // send the requests this reply is removing.
+  mainQueue_.post([self = shared_from_this()] {
+    if (self->detached_.load()) return;
+    self->store_.saveContextLater([lock = self->batchLock_] {
+      if (lock) lock->release();
+    });
+  });
 }
 
 void VNTRRequester::settle(const BatchOutcome& outcome, const SentBatch& sent) {

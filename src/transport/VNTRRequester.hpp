@@ -88,10 +88,12 @@ class VNTRRequester : public std::enable_shared_from_this<VNTRRequester> {
   struct SentBatch {
     int64_t requests = 0;
     std::shared_ptr<VNTRSyncEvent> only;  // the stored request, when there was just one
+    bool lockRefused = false;             // another process is sending this queue
   };
 
   void fireOnMainQueue();
   void endBatch();
+  void releaseBatchLock() const;
   std::string buildBody(PendingTable& pending, SentBatch& sent);
   void handleReply(PendingTable& pending, const SentBatch& sent, std::optional<std::string> data,
                    std::optional<HTTPURLResponse> response, std::optional<HTTPError> error);
