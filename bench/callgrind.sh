@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Instructions spent per event, from fireEvents to the deletion after its answer, counted by
 # callgrind in vntr-bench's own process: the library's threads and the bench's callers. The
-# sandbox server runs in a child process with a count of its own, reported apart.
+# sandbox server runs as a program of its own (traced too), with a count reported apart.
 #
 # Two runs, N events and a smaller baseline B: total/N includes the fixed costs (start-up, TLS
 # and SQLite set-up, idle timers); (Ir(N) - Ir(B)) / (N - B) is the cost of one more event.
@@ -25,7 +25,7 @@ total_ir() {  # <callgrind output file>: its total instruction count
 measure() {
   local n=$1 dir=$work/$1
   mkdir -p "$dir"
-  valgrind --tool=callgrind --callgrind-out-file="$dir/callgrind.out.%p" \
+  valgrind --tool=callgrind --trace-children=yes --callgrind-out-file="$dir/callgrind.out.%p" \
     "$bench" --events "$n" --no-memory-sampling >"$dir/result.json" 2>"$dir/valgrind.log" &
   local pid=$!
   if ! wait "$pid"; then

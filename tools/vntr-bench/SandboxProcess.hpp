@@ -5,10 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
-
-#include "SandboxServer.hpp"
 
 namespace vntr::bench {
 
@@ -21,20 +18,27 @@ struct Delivery {
   int64_t doubled = 0;   // sequence numbers seen under more than one id
 };
 
-/// A sandbox tag server on 127.0.0.1, either in this process or in a child process forked
-/// before any thread exists, so that the memory and the instructions it spends (it keeps every
-/// request it receives) are not counted as the library's. The child is driven over two pipes,
-/// one command line and one JSON answer line at a time; it exits when its pipe closes.
+/// The server's counters that the figures use.
+struct ServerStats {
+  int64_t batches = 0;        // accepted POSTs to "/tags"
+  int64_t bytesReceived = 0;  // body bytes of those
+};
+
+/// A sandbox tag server on 127.0.0.1 in a program of its own (vntr-bench-server, next to this
+/// one), so that its memory, code and instructions (it keeps every request it receives) are not
+/// counted as the library's: the peers were measured against a collector apart from them too.
+/// Started before any thread exists; driven over two pipes, one command line and one JSON answer
+/// line at a time; it exits when its pipe closes.
 class SandboxHandle {
  public:
-  /// Starts the server; nothing when it cannot listen (the reason on stderr).
-  static std::unique_ptr<SandboxHandle> start(bool inProcess, int64_t batchIntervalMs);
+  /// Starts the server; nothing when it cannot (the reason on stderr).
+  static std::unique_ptr<SandboxHandle> start(int64_t batchIntervalMs);
   ~SandboxHandle();
   SandboxHandle(const SandboxHandle&) = delete;
   SandboxHandle& operator=(const SandboxHandle&) = delete;
 
   std::string tagsURL() const { return "http://127.0.0.1:" + std::to_string(port_) + "/tags"; }
-  sandbox::Stats stats();
+  ServerStats stats();
   /// Checks sequence numbers 0 ... events-1 against what arrived.
   Delivery check(int64_t events);
 
@@ -42,8 +46,7 @@ class SandboxHandle {
   SandboxHandle() = default;
   nlohmann::json ask(const std::string& command);
 
-  std::unique_ptr<sandbox::SandboxServer> server_;  // in-process
-  pid_t child_ = -1;                                // or a child process
+  pid_t child_ = -1;
   int toChild_ = -1;
   int fromChild_ = -1;
   std::string buffer_;

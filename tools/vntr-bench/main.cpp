@@ -5,7 +5,7 @@
 //   vntr-bench --backlog N                  drain time of N queued requests against its floor
 //   vntr-bench --queued N                   peak memory with N requests queued, then a few batches
 //
-// The server runs in a child process unless --in-process-server is given: it keeps every
+// The server is a program of its own (vntr-bench-server, next to this one): it keeps every
 // request it receives, which would otherwise count as this process's memory and instructions.
 
 #include <algorithm>
@@ -41,13 +41,12 @@ struct Options {
   int64_t drainBatches = 25;  // queued: batches sent after the intake
   int64_t pace = 0;  // callers stay at most this many calls ahead of the store; 0: no limit
   bool sampleMemory = true;
-  bool inProcessServer = false;
 };
 
 const char* const kUsage =
-    "usage: vntr-bench [--events N] [--threads T] [--batch-interval MS] [--in-process-server]\n"
-    "       vntr-bench --backlog N [--threads T] [--batch-interval MS] [--in-process-server]\n"
-    "       vntr-bench --queued N [--threads T] [--drain-batches K] [--in-process-server]\n"
+    "usage: vntr-bench [--events N] [--threads T] [--batch-interval MS]\n"
+    "       vntr-bench --backlog N [--threads T] [--batch-interval MS]\n"
+    "       vntr-bench --queued N [--threads T] [--drain-batches K]\n"
     "options for every mode: --paced K (callers at most K calls ahead of the store),\n"
     "  --no-memory-sampling (no sampling thread, for instruction counts)\n";
 
@@ -65,10 +64,6 @@ std::optional<Options> parse(int argc, char** argv) {
   Options o;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--in-process-server") {
-      o.inProcessServer = true;
-      continue;
-    }
     if (arg == "--no-memory-sampling") {
       o.sampleMemory = false;
       continue;
@@ -330,7 +325,7 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
   // First, while this process has no other thread: the server's child process is forked here.
-  auto server = SandboxHandle::start(options->inProcessServer, options->batchIntervalMs);
+  auto server = SandboxHandle::start(options->batchIntervalMs);
   if (!server) return kExitFailed;
 
   cli::TemporaryDirectory data("vntr-bench");
@@ -360,7 +355,7 @@ int main(int argc, char** argv) {
       out = runQueued(*options, *server, *delegate, ok);
       break;
   }
-  out["server"] = options->inProcessServer ? "in-process" : "child process";
+  out["server"] = "own process";
   out["peak_rss_kib"] = peakRssKiB();
   out["peak_rss_mib"] = round3(static_cast<double>(peakRssKiB()) / 1024.0);
   if (memory) {
