@@ -68,8 +68,12 @@ bool Runtime::waitUntilStored(SteadyClock::time_point deadline, int64_t& count) 
   auto& events = store();
   // Shared with the task, which may still run after a wait that timed out.
   auto counted = std::make_shared<std::atomic<int64_t>>(-1);
-  const bool ran = runOnQueueUntil(events.queue(), deadline,
-                                   [&events, counted] { counted->store(events.count()); });
+  // The last batch's deletes may still wait for their commit (made behind the next timer):
+  // made here, an empty queue is empty on disk too when flush returns.
+  const bool ran = runOnQueueUntil(events.queue(), deadline, [&events, counted] {
+    if (events.hasChanges()) events.saveContext();
+    counted->store(events.count());
+  });
   count = counted->load();
   return ran;
 }
@@ -173,7 +177,11 @@ void Runtime::finishAtExit() {
     if (auto* events = createdStore_.load()) {
       auto unsaved = std::make_shared<std::atomic<bool>>(false);
       const bool ran = runOnQueueUntil(events->queue(), SteadyClock::now() + kExitCommitTimeout,
-                                       [events, unsaved] { unsaved->store(events->hasChanges()); });
+                                       [events, unsaved] {
+                                         // Answers whose deletes wait for their commit too.
+                                         if (events->hasChanges()) events->saveContext();
+                                         unsaved->store(events->hasChanges());
+                                       });
       if (!ran) {
         Debug(VantrelLogLevel::error, "Stopped waiting for the event store at exit after " +
                                           std::to_string(kExitCommitTimeout.count()) +
