@@ -9,8 +9,9 @@ namespace vntr {
 
 /// The library's own share of each batch cycle, apart from the server's time and the pause the
 /// server asks for: from a reply's arrival until the next timer is armed (answers dispatched,
-/// deletes committed, the main queue reached), and from that timer's expiry until the next
-/// request is handed to the transport (dequeue, body). A few clock reads per cycle; any thread.
+/// the main queue reached; their deletes are committed after), and from that timer's expiry
+/// until the next request is handed to the transport (lock, dequeue, body). A few clock reads per
+/// cycle; any thread.
 class BatchCycleClock {
  public:
   struct Totals {

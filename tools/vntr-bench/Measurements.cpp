@@ -149,16 +149,20 @@ json callFigures(Firing& firing) {
           {"calls_returned_s", round3(secondsBetween(firing.start, firing.end))}};
 }
 
-json libraryCycleFigures() {
-  const auto t = Runtime::shared().requester().cycleTotals();
-  const int64_t cycles = std::min(t.replies, t.sends);
-  return {{"library_cycle_ms",
-           round3(meanMillis(t.replyNanos, t.replies) + meanMillis(t.sendNanos, t.sends))},
-          {"library_reply_to_timer_ms", meanMillis(t.replyNanos, t.replies)},
-          {"library_reply_to_timer_max_ms", meanMillis(t.replyMaxNanos, 1)},
-          {"library_timer_to_send_ms", meanMillis(t.sendNanos, t.sends)},
-          {"library_timer_to_send_max_ms", meanMillis(t.sendMaxNanos, 1)},
-          {"library_cycles", cycles}};
+BatchCycleClock::Totals libraryCycleTotals() { return Runtime::shared().requester().cycleTotals(); }
+
+json libraryCycleFigures(const BatchCycleClock::Totals& since) {
+  const auto now = libraryCycleTotals();
+  const int64_t replies = now.replies - since.replies;
+  const int64_t sends = now.sends - since.sends;
+  const double replyMs = meanMillis(now.replyNanos - since.replyNanos, replies);
+  const double sendMs = meanMillis(now.sendNanos - since.sendNanos, sends);
+  return {{"library_cycle_ms", round3(replyMs + sendMs)},
+          {"library_reply_to_timer_ms", replyMs},
+          {"library_reply_to_timer_max_ms", meanMillis(now.replyMaxNanos, 1)},
+          {"library_timer_to_send_ms", sendMs},
+          {"library_timer_to_send_max_ms", meanMillis(now.sendMaxNanos, 1)},
+          {"library_cycles", std::min(replies, sends)}};
 }
 
 }  // namespace vntr::bench

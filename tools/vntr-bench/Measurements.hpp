@@ -2,11 +2,16 @@
 // thread CPU time, timed calls of fireEvents, and the library's own share of the batch cycles.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -15,6 +20,8 @@
 #include <thread>
 #include <vector>
 #include <vntr/VNTRPreferences.hpp>
+
+#include "transport/BatchCycleClock.hpp"
 
 namespace vntr::bench {
 
@@ -156,16 +163,20 @@ class MemorySampler {
   }
 
  private:
+  // Reads into a buffer on the stack: a stdio stream's buffer would give this thread a malloc
+  // arena of its own, and that memory is not the library's.
   void sample() {
-    std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr) return;
-    char line[256];
-    while (std::fgets(line, sizeof line, status) != nullptr) {
-      long long kib = 0;
-      if (std::sscanf(line, "RssAnon: %lld", &kib) == 1) raise(peakAnon_, kib);
-      if (std::sscanf(line, "RssFile: %lld", &kib) == 1) raise(peakFile_, kib);
+    const int fd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    char text[4096];
+    const ssize_t n = ::read(fd, text, sizeof text - 1);
+    ::close(fd);
+    if (n <= 0) return;
+    text[n] = '\0';
+    for (const auto& [key, peak] :
+         {std::pair{"\nRssAnon:", &peakAnon_}, {"\nRssFile:", &peakFile_}}) {
+      if (const char* at = std::strstr(text, key)) raise(*peak, std::atoll(at + std::strlen(key)));
     }
-    std::fclose(status);
   }
   static void raise(std::atomic<int64_t>& peak, int64_t value) {
     int64_t seen = peak.load();
@@ -211,8 +222,11 @@ Firing fire(int64_t events, int threads, int64_t pace, const std::function<int64
 /// The figures of `firing`; sorts its call times.
 json callFigures(Firing& firing);
 
-/// The library's own share of the batch cycles so far, from the requester's clock: the handling
-/// of each reply until the next timer is armed, and each expiry until the request leaves.
-json libraryCycleFigures();
+/// The requester's batch-cycle clock now.
+BatchCycleClock::Totals libraryCycleTotals();
+/// The library's own share of the batch cycles since `since`, from the requester's clock: the
+/// handling of each reply until the next timer is armed, and each expiry until the request
+/// leaves (means; the maxima are the process's).
+json libraryCycleFigures(const BatchCycleClock::Totals& since);
 
 }  // namespace vntr::bench

@@ -23,7 +23,9 @@ namespace {
 
 using nlohmann::json;
 
-bool writeLine(const json& value) { return vntr::bench::writeAll(STDOUT_FILENO, value.dump() + "\n"); }
+bool writeLine(const json& value) {
+  return vntr::bench::writeAll(STDOUT_FILENO, value.dump() + "\n");
+}
 
 json checkDelivery(const vntr::sandbox::SandboxServer& server, int64_t events) {
   if (events < 0 || events > 100'000'000) return {{"error", "no such count of events"}};
