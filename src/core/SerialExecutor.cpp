@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
-#include <utility>
 
 #include "core/ForkGate.hpp"
 #include "core/VNTRDebug.hpp"
@@ -25,24 +24,7 @@ struct SerialExecutor::State {
   std::condition_variable changed;  // a waited-for task finished, or the thread ended
   bool threadEnded = false;         // guarded by mutex
   std::mutex orphanMutex;           // one caller at a time runs the tasks of an ended thread
-  // Held while a task runs, on the queue's thread or inline on a waiting caller's.
-  std::mutex running;
-  std::atomic<int64_t> queued{0};  // tasks posted and not yet started
 };
-
-namespace {
-
-// The queue whose task the calling thread runs inline (see performAndWait).
-thread_local const void* inlineQueue = nullptr;
-
-}  // namespace
-
-void SerialExecutor::runQueued(State& state, const Task& task) {
-  const std::scoped_lock one(state.running);
-  state.queued.fetch_sub(1, std::memory_order_acq_rel);
-  const forkgate::Task gate;
-  runGuarded(task);
-}
 
 // One performAndWait: set when its task has finished, on whichever thread ran it.
 struct SerialExecutor::Waiter {
@@ -142,22 +124,21 @@ void SerialExecutor::stop() {
 
 void SerialExecutor::post(Task task) {
   startThread();
-  state_->queued.fetch_add(1, std::memory_order_acq_rel);
-  asio::post(state_->context,
-             [state = state_.get(), task = std::move(task)] { runQueued(*state, task); });
+  asio::post(state_->context, [task = std::move(task)] {
+    const forkgate::Task gate;
+    runGuarded(task);
+  });
 }
 
 void SerialExecutor::postAfter(std::chrono::nanoseconds delay, Task task) {
   startThread();
   auto timer = std::make_shared<asio::steady_timer>(state_->context);
   timer->expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(delay));
-  timer->async_wait(
-      [state = state_.get(), timer, task = std::move(task)](const std::error_code& ec) {
-        if (ec) return;
-        const std::scoped_lock one(state->running);
-        const forkgate::Task gate;
-        runGuarded(task);
-      });
+  timer->async_wait([timer, task = std::move(task)](const std::error_code& ec) {
+    if (ec) return;
+    const forkgate::Task gate;
+    runGuarded(task);
+  });
 }
 
 void SerialExecutor::performAndWait(const Task& task) {
@@ -165,30 +146,11 @@ void SerialExecutor::performAndWait(const Task& task) {
     task();
     return;
   }
-  // An idle queue (nothing waiting, nothing running) runs the task on the caller's thread, as a
-  // serial queue's synchronous dispatch does: waking the queue's thread and then the caller
-  // again costs more than most tasks (about 0.1 ms each way on a virtual machine). Tasks posted
-  // meanwhile wait for it, as they would behind any task.
-  if (state_->queued.load(std::memory_order_acquire) == 0) {
-    std::unique_lock one(state_->running, std::try_to_lock);
-    if (one.owns_lock() && state_->queued.load(std::memory_order_acquire) == 0) {
-      const forkgate::Task gate;
-      struct Restore {
-        const void* outer;
-        ~Restore() { inlineQueue = outer; }
-      } restore{std::exchange(inlineQueue, state_.get())};
-      task();
-      return;
-    }
-  }
   startThread();
   auto waiter = std::make_shared<Waiter>();
-  state_->queued.fetch_add(1, std::memory_order_acq_rel);
   // `task` is borrowed: this call returns only after the task ran or was dropped with its
   // thread, so the reference never outlives it.
   asio::post(state_->context, [state = state_, waiter, &task] {
-    const std::scoped_lock one(state->running);
-    state->queued.fetch_sub(1, std::memory_order_acq_rel);
     const forkgate::Task gate;
     try {
       task();
@@ -215,9 +177,9 @@ bool SerialExecutor::performAndWaitUntil(std::chrono::steady_clock::time_point d
   }
   startThread();
   auto waiter = std::make_shared<Waiter>();
-  state_->queued.fetch_add(1, std::memory_order_acq_rel);
   asio::post(state_->context, [state = state_, waiter, task = std::move(task)] {
-    runQueued(*state, task);
+    const forkgate::Task gate;
+    runGuarded(task);
     {
       std::scoped_lock lock(state->mutex);
       waiter->done = true;
@@ -250,7 +212,7 @@ void SerialExecutor::runOrphanedTasks() {
 }
 
 bool SerialExecutor::isCurrent() const {
-  return inlineQueue == state_.get() || state_->runner.load() == std::this_thread::get_id();
+  return state_->runner.load() == std::this_thread::get_id();
 }
 
 }  // namespace vntr

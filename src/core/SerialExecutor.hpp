@@ -19,8 +19,7 @@ namespace vntr {
 /// time, so waiting never hangs and nothing queued is lost. Destroying the executor stops the
 /// thread after the task in progress; tasks not yet run are dropped. Process-wide instances are
 /// never destroyed. The thread is made by the first task queued, so a queue nobody uses costs no
-/// thread, and whoever makes the executor does not pay for one. `performAndWait` on an idle
-/// queue runs the task on the caller's thread, one task at a time all the same.
+/// thread, and whoever makes the executor does not pay for one.
 class SerialExecutor final : public Executor {
  public:
   explicit SerialExecutor(std::string threadName);
@@ -47,7 +46,6 @@ class SerialExecutor final : public Executor {
   struct Waiter;
   void startThread();
   static void run(State& state, const std::string& name);
-  static void runQueued(State& state, const Task& task);
   static void noteThreadEnded(State& state);
   bool waitFor(Waiter& waiter, std::chrono::steady_clock::time_point deadline);
   void runOrphanedTasks();
