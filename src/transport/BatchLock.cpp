@@ -43,6 +43,7 @@ BatchLock::BatchLock(std::filesystem::path file) : file_(std::move(file)) {
 
 BatchLock::~BatchLock() {
   release();
+  if (fd_ >= 0) ::close(fd_);
   auto& registry = BatchLockRegistry::instance();
   std::scoped_lock lock(registry.mutex);
   registry.locks.erase(this);
@@ -50,23 +51,23 @@ BatchLock::~BatchLock() {
 
 bool BatchLock::tryAcquire() {
   std::scoped_lock lock(mutex_);
-  if (fd_ >= 0) return true;
-  const int fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
+  if (held_) return true;
+  // Opened once and kept: a batch then costs one flock call each way, not an open and a close.
+  if (fd_ < 0) fd_ = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd_ < 0) {
     Debug(VantrelLogLevel::warning, "Unable to open the batch lock " + file_.string() + ": " +
                                         std::strerror(errno) + "; sending without it");
     return true;
   }
   int result = 0;
   do {
-    result = ::flock(fd, LOCK_EX | LOCK_NB);
+    result = ::flock(fd_, LOCK_EX | LOCK_NB);
   } while (result != 0 && errno == EINTR);
   if (result == 0) {
-    fd_ = fd;
+    held_ = true;
     return true;
   }
   const int error = errno;
-  ::close(fd);
   if (error == EWOULDBLOCK) {
     Debug(VantrelLogLevel::verbose, "Another process is sending this queue; retrying later");
     return false;
@@ -78,10 +79,9 @@ bool BatchLock::tryAcquire() {
 
 void BatchLock::release() {
   std::scoped_lock lock(mutex_);
-  if (fd_ < 0) return;
+  if (!held_) return;
   ::flock(fd_, LOCK_UN);
-  ::close(fd_);
-  fd_ = -1;
+  held_ = false;
 }
 
 void BatchLock::abandonInChild() {
@@ -89,6 +89,7 @@ void BatchLock::abandonInChild() {
   // explicit LOCK_UN would end the parent's batch too.
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+  held_ = false;
 }
 
 }  // namespace vntr
