@@ -33,7 +33,7 @@ class BatchLock {
 
   const std::filesystem::path file_;
   std::mutex mutex_;
-  int fd_ = -1;         // guarded by mutex_; the lock file, open from the first tryAcquire
+  int fd_ = -1;        // guarded by mutex_; the lock file, open from the first tryAcquire
   bool held_ = false;  // guarded by mutex_; this process holds the lock
 };
 
