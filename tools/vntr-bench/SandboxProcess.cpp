@@ -28,16 +28,23 @@ std::filesystem::path serverProgram() {
 std::unique_ptr<SandboxHandle> SandboxHandle::start(int64_t batchIntervalMs) {
   const std::string program = serverProgram().string();
   const std::string interval = std::to_string(batchIntervalMs);
-  int down[2];
-  int up[2];
+  int down[2] = {-1, -1};
+  int up[2] = {-1, -1};
+  const auto closeAll = [&] {
+    for (const int fd : {down[0], down[1], up[0], up[1]}) {
+      if (fd >= 0) ::close(fd);
+    }
+  };
   if (::pipe2(down, O_CLOEXEC) != 0 || ::pipe2(up, O_CLOEXEC) != 0) {
     std::perror("vntr-bench: pipe");
+    closeAll();
     return nullptr;
   }
   std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid < 0) {
     std::perror("vntr-bench: fork");
+    closeAll();
     return nullptr;
   }
   if (pid == 0) {
