@@ -1,7 +1,5 @@
 #include "Measurements.hpp"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -27,12 +25,6 @@ double secondsBetween(SteadyClock::time_point start, SteadyClock::time_point end
 
 double round3(double value) { return std::round(value * 1000.0) / 1000.0; }
 
-int64_t peakRssKiB() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
 int64_t queuedRequests() {
   auto& store = Runtime::shared().store();
   int64_t count = 0;
@@ -40,16 +32,16 @@ int64_t queuedRequests() {
   return count;
 }
 
-int64_t anonRssKiB() {
-  std::FILE* status = std::fopen("/proc/self/status", "r");
-  if (status == nullptr) return -1;
-  char line[256];
-  long long kib = -1;
-  while (std::fgets(line, sizeof line, status) != nullptr &&
-         std::sscanf(line, "RssAnon: %lld", &kib) != 1) {
-  }
-  std::fclose(status);
-  return kib;
+int64_t statusKiB(const char* key) {
+  const int fd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  char text[4096];
+  const ssize_t n = ::read(fd, text, sizeof text - 1);
+  ::close(fd);
+  if (n <= 0) return -1;
+  text[n] = '\0';
+  const char* at = std::strstr(text, key);
+  return at != nullptr ? std::atoll(at + std::strlen(key)) : -1;
 }
 
 int64_t threadCpuNanos(const std::string& name) {

@@ -134,9 +134,15 @@ class BenchDelegate final : public VNTRTagManagerDelegate {
   std::condition_variable reached_;
 };
 
-int64_t peakRssKiB();
+/// A "Key:" line of /proc/self/status in KiB, or -1. Read without stdio: a stream's buffer would
+/// give a sampling thread a malloc arena of its own, and that memory is not the library's.
+int64_t statusKiB(const char* key);
+/// The process's peak resident memory (VmHWM), in KiB. Not getrusage's ru_maxrss: that also
+/// counts the image the launching process had before the exec (a Python parent's 14 MiB), which
+/// would hide this process's own peak.
+inline int64_t peakRssKiB() { return statusKiB("VmHWM:"); }
 /// The anonymous resident memory now (heap, stacks, written library data), in KiB.
-int64_t anonRssKiB();
+inline int64_t anonRssKiB() { return statusKiB("RssAnon:"); }
 
 // The peak resident memory counts the pages of the shared libraries in use (libc, libstdc++,
 // SQLite, curl and its TLS libraries), which other processes share. To tell them from the
@@ -163,20 +169,9 @@ class MemorySampler {
   }
 
  private:
-  // Reads into a buffer on the stack: a stdio stream's buffer would give this thread a malloc
-  // arena of its own, and that memory is not the library's.
   void sample() {
-    const int fd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    char text[4096];
-    const ssize_t n = ::read(fd, text, sizeof text - 1);
-    ::close(fd);
-    if (n <= 0) return;
-    text[n] = '\0';
-    for (const auto& [key, peak] :
-         {std::pair{"\nRssAnon:", &peakAnon_}, {"\nRssFile:", &peakFile_}}) {
-      if (const char* at = std::strstr(text, key)) raise(*peak, std::atoll(at + std::strlen(key)));
-    }
+    raise(peakAnon_, statusKiB("RssAnon:"));
+    raise(peakFile_, statusKiB("RssFile:"));
   }
   static void raise(std::atomic<int64_t>& peak, int64_t value) {
     int64_t seen = peak.load();
