@@ -16,13 +16,8 @@ inline constexpr const char* kCreateTable =
     "timeStamp REAL NOT NULL DEFAULT 0)";
 inline constexpr const char* kCreateTimeStampIndex =
     "CREATE INDEX IF NOT EXISTS SyncEvent_timeStamp ON SyncEvent (timeStamp)";
-// The id index keys each row by the first 8 characters of its id, not all 36: random ids
-// differ there already, and an index a third the size leaves SQLite's small page cache to the
-// rest (each insert and delete touches a random leaf of it). An index on the whole id, as files
-// of earlier versions have, is dropped at the open.
 inline constexpr const char* kCreateIdIndex =
-    "CREATE INDEX IF NOT EXISTS SyncEvent_idPrefix ON SyncEvent (substr(id, 1, 8))";
-inline constexpr const char* kDropWholeIdIndex = "DROP INDEX IF EXISTS SyncEvent_id";
+    "CREATE INDEX IF NOT EXISTS SyncEvent_id ON SyncEvent (id)";
 
 inline constexpr const char* kSelectNewest =
     "SELECT pk, id, jsonData, timeStamp FROM SyncEvent ORDER BY timeStamp DESC, pk DESC LIMIT ?1";
@@ -30,10 +25,7 @@ inline constexpr const char* kSelectOldest =
     "SELECT pk, timeStamp FROM SyncEvent ORDER BY timeStamp ASC, pk ASC LIMIT ?1";
 inline constexpr const char* kSelectOlderThan = "SELECT pk FROM SyncEvent WHERE timeStamp < ?1";
 inline constexpr const char* kCount = "SELECT COUNT(*) FROM SyncEvent";
-// "+id": a plain "id = ?1" lets SQLite rewrite the prefix term in terms of ?1, and the rewritten
-// term no longer matches the index.
-inline constexpr const char* kSelectById =
-    "SELECT pk FROM SyncEvent WHERE substr(id, 1, 8) = substr(?1, 1, 8) AND +id = ?1 LIMIT ?2";
+inline constexpr const char* kSelectById = "SELECT pk FROM SyncEvent WHERE id = ?1 LIMIT ?2";
 inline constexpr const char* kExists = "SELECT 1 FROM SyncEvent WHERE pk = ?1";
 // SQLite picks the row id at the insert, under the write lock: processes sharing the file never
 // pick the same one.

@@ -138,49 +138,6 @@ TEST_F(StoreTest, startUpTrimsByAgeThenByCount) {
 // A file that is not a database, a directory in its place: the store starts anew, or in memory,
 // and says so. (A directory it may not write to, and a file another process holds, are left
 // alone: StorageFaults.)
-// The text of `column` in the first row `sql` gives on `file`, or "".
-std::string firstRow(const fs::path& file, const std::string& sql, int column = 0) {
-  sqlite3* db = nullptr;
-  std::string text;
-  sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-  sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
-      sqlite3_step(stmt) == SQLITE_ROW && sqlite3_column_text(stmt, column) != nullptr) {
-    text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close_v2(db);
-  return text;
-}
-
-// A file of an earlier version, with its index on the whole id, keeps its rows; ids that share
-// their first characters are still told apart, and the lookup searches the short index instead
-// of reading the whole table (a plain "id = ?" makes SQLite skip it).
-TEST_F(StoreTest, aFileWithTheWholeIdIndexIsMigratedAndIdsAreFoundThroughTheShortOne) {
-  fs::create_directories(documents);
-  {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    const auto at = std::to_string(now());
-    for (const std::string& sql :
-         {std::string(store::kCreateTable),
-          std::string("CREATE INDEX SyncEvent_id ON SyncEvent (id)"),
-          "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES ('ABCDEFGH-1', '{}', " + at +
-              "), ('ABCDEFGH-2', '{}', " + at + ")"}) {
-      ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-    }
-    sqlite3_close(db);
-  }
-  open();
-  EXPECT_EQ(store->kind(), Kind::sqlite);
-  EXPECT_TRUE(has("ABCDEFGH-1") && has("ABCDEFGH-2"));
-  EXPECT_FALSE(has("ABCDEFGH-3") || has("ABCDEFGH") || has(""));
-  EXPECT_EQ(count(), 2);
-  const auto plan = firstRow(file, std::string("EXPLAIN QUERY PLAN ") + store::kSelectById, 3);
-  EXPECT_NE(plan.find("USING INDEX SyncEvent_idPrefix"), std::string::npos) << plan;
-  EXPECT_EQ(firstRow(file, "SELECT count(*) FROM sqlite_schema WHERE name = 'SyncEvent_id'"), "0");
-}
-
 TEST_F(StoreTest, anUnusableFileGivesANewOrInMemoryStore) {
   const std::tuple<const char*, std::function<void()>, Kind> cases[] = {
       {"not a database",
