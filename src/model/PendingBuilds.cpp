@@ -242,8 +242,12 @@ void PendingBuilds::drain(const Build& build) {
     }
   }
   std::scoped_lock lock(mutex_);
-  // Everything spilled has been read back: the file starts over.
-  if (chunks_.empty() && spilled_ == 0 && fileEnd_ > 0 && ::ftruncate(fd_, 0) == 0) fileEnd_ = 0;
+  // Everything spilled has been read back: the file starts over, and the read buffer is let go
+  // until a burst spills again.
+  if (chunks_.empty() && spilled_ == 0 && fileEnd_ > 0 && ::ftruncate(fd_, 0) == 0) {
+    fileEnd_ = 0;
+    readBuffer_ = std::string();
+  }
 }
 
 bool PendingBuilds::readBack(const Chunk& chunk) {
