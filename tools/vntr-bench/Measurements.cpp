@@ -1,5 +1,8 @@
 #include "Measurements.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -32,15 +35,16 @@ int64_t queuedRequests() {
   return count;
 }
 
-int64_t statusKiB(const char* key) {
+ProcStatus::ProcStatus() {
   const int fd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  char text[4096];
-  const ssize_t n = ::read(fd, text, sizeof text - 1);
+  if (fd < 0) return;
+  const ssize_t n = ::read(fd, text_, sizeof text_ - 1);
   ::close(fd);
-  if (n <= 0) return -1;
-  text[n] = '\0';
-  const char* at = std::strstr(text, key);
+  text_[n > 0 ? n : 0] = '\0';
+}
+
+int64_t ProcStatus::kib(const char* key) const {
+  const char* at = std::strstr(text_, key);
   return at != nullptr ? std::atoll(at + std::strlen(key)) : -1;
 }
 

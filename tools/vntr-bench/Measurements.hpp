@@ -2,9 +2,6 @@
 // thread CPU time, timed calls of fireEvents, and the library's own share of the batch cycles.
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -134,15 +131,23 @@ class BenchDelegate final : public VNTRTagManagerDelegate {
   std::condition_variable reached_;
 };
 
-/// A "Key:" line of /proc/self/status in KiB, or -1. Read without stdio: a stream's buffer would
-/// give a sampling thread a malloc arena of its own, and that memory is not the library's.
-int64_t statusKiB(const char* key);
+/// /proc/self/status as one read saw it. Read without stdio: a stream's buffer would give a
+/// sampling thread a malloc arena of its own, and that memory is not the library's.
+class ProcStatus {
+ public:
+  ProcStatus();
+  /// The value of a "Key:" line in KiB, or -1.
+  int64_t kib(const char* key) const;
+
+ private:
+  char text_[4096] = {};
+};
 /// The process's peak resident memory (VmHWM), in KiB. Not getrusage's ru_maxrss: that also
 /// counts the image the launching process had before the exec (a Python parent's 14 MiB), which
 /// would hide this process's own peak.
-inline int64_t peakRssKiB() { return statusKiB("VmHWM:"); }
+inline int64_t peakRssKiB() { return ProcStatus().kib("VmHWM:"); }
 /// The anonymous resident memory now (heap, stacks, written library data), in KiB.
-inline int64_t anonRssKiB() { return statusKiB("RssAnon:"); }
+inline int64_t anonRssKiB() { return ProcStatus().kib("RssAnon:"); }
 
 // The peak resident memory counts the pages of the shared libraries in use (libc, libstdc++,
 // SQLite, curl and its TLS libraries), which other processes share. To tell them from the
@@ -170,8 +175,9 @@ class MemorySampler {
 
  private:
   void sample() {
-    raise(peakAnon_, statusKiB("RssAnon:"));
-    raise(peakFile_, statusKiB("RssFile:"));
+    const ProcStatus status;
+    raise(peakAnon_, status.kib("RssAnon:"));
+    raise(peakFile_, status.kib("RssFile:"));
   }
   static void raise(std::atomic<int64_t>& peak, int64_t value) {
     int64_t seen = peak.load();
