@@ -116,6 +116,10 @@ bool readAllAt(int fd, std::string& into, size_t length, uint64_t offset) {
   return true;
 }
 
+// Frees the string's buffer. Assigning an empty string would not: libstdc++ copies a short
+// string into the buffer the target already has.
+void letGo(std::string& storage) { std::string().swap(storage); }
+
 }  // namespace
 
 PendingBuilds::PendingBuilds(std::filesystem::path spillDirectory)
@@ -235,18 +239,20 @@ void PendingBuilds::drain(const Build& build) {
     }
     if (chunk.fileLength > 0 && !readBack(chunk)) continue;
     forEach(chunk.fileLength > 0 ? std::string_view(readBuffer_) : chunk.bytes, build);
-    if (readBuffer_.capacity() > 2 * kChunkBytes) readBuffer_ = std::string();  // outsized
+    if (readBuffer_.capacity() > 2 * kChunkBytes) letGo(readBuffer_);  // outsized
     if (chunk.fileLength == 0) {
       std::scoped_lock lock(mutex_);
       recycle(std::move(chunk.bytes));
     }
   }
   std::scoped_lock lock(mutex_);
-  // Everything spilled has been read back: the file starts over, and the read buffer is let go
-  // until a burst spills again.
+  // Everything spilled has been read back: the file starts over, and the read buffer and the
+  // spare chunk are let go until a burst spills again (a host calling now and then keeps the
+  // spare: each of its calls would otherwise allocate a chunk).
   if (chunks_.empty() && spilled_ == 0 && fileEnd_ > 0 && ::ftruncate(fd_, 0) == 0) {
     fileEnd_ = 0;
-    readBuffer_ = std::string();
+    letGo(readBuffer_);
+    letGo(spare_);
   }
 }
 
