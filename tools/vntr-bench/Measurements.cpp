@@ -1,12 +1,12 @@
 #include "Measurements.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
+#include <string_view>
 #include <latch>
 #include <numeric>
 #include <vntr/VNTRTagManager.hpp>
@@ -48,18 +48,35 @@ int64_t ProcStatus::kib(const char* key) const {
   return at != nullptr ? std::atoll(at + std::strlen(key)) : -1;
 }
 
+namespace {
+
+// The first line of a small /proc file, without its newline; empty when it cannot be read.
+std::string firstLine(const std::string& path) {
+  char text[128];
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  const ssize_t n = ::read(fd, text, sizeof text);
+  ::close(fd);
+  const std::string_view read(text, n > 0 ? static_cast<size_t>(n) : 0);
+  return std::string(read.substr(0, read.find('\n')));
+}
+
+}  // namespace
+
+// Plain system calls: it runs before the peak is read, and file streams would map libstdc++'s
+// stream and locale code into the measured process.
 int64_t threadCpuNanos(const std::string& name) {
-  std::error_code error;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
-    std::ifstream comm(task.path() / "comm");
-    std::string taskName;
-    if (!std::getline(comm, taskName) || taskName != name) continue;
-    std::ifstream schedstat(task.path() / "schedstat");
-    int64_t nanos = 0;
-    schedstat >> nanos;
-    return nanos;
+  DIR* tasks = ::opendir("/proc/self/task");
+  if (tasks == nullptr) return 0;
+  int64_t nanos = 0;
+  while (const dirent* task = ::readdir(tasks)) {
+    const std::string dir = std::string("/proc/self/task/") + task->d_name;
+    if (task->d_name[0] == '.' || firstLine(dir + "/comm") != name) continue;
+    nanos = std::atoll(firstLine(dir + "/schedstat").c_str());
+    break;
   }
-  return 0;
+  ::closedir(tasks);
+  return nanos;
 }
 
 long connectionsOpened() {
