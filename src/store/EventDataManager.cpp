@@ -186,16 +186,10 @@ void EventDataManager::Impl::remove(int64_t pk, const std::string& id) {
     // Handed out before its save: the save gave it a row id, found by its request id (unique
     // for every request that can be answered after a save).
     if (id == nilID) return;
-    auto select = db_->statement(store::kSelectById);
-    select.bindText(1, id);
-    select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
-    while (select.step() == sqlite::Statement::Step::row) {
-      if (!changes_.isDeleted(select.columnInt64(0))) {
-        pk = select.columnInt64(0);
-        break;
-      }
-    }
-    if (store::isProvisional(pk)) return;
+    bool failed = false;
+    const auto saved = savedPk(id, failed);
+    if (!saved) return;
+    pk = *saved;
   }
   if (changes_.isDeleted(pk)) return;
   // Inside a transaction (a batch's answers, a burst) the commit follows within the same task,

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cassert>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "store/EventDataManager.hpp"
@@ -47,6 +48,9 @@ class EventDataManager::Impl : public std::enable_shared_from_this<EventDataMana
 
  private:
   void assertOnQueue() const { assert(queue_->isCurrent()); }
+  // The saved row of request `id` that no pending delete removes; `failed` when the search
+  // failed.
+  std::optional<int64_t> savedPk(const std::string& id, bool& failed);
   void reportOverflow();
   // SQLite's write-ahead log hook, after each commit: asks for a checkpoint once the log holds
   // kCheckpointPages pages. The checkpoint runs as a task of its own, so the commit that filled

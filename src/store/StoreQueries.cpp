@@ -144,24 +144,29 @@ int64_t EventDataManager::Impl::count() {
 bool EventDataManager::Impl::checkID(const std::string& id) {
   assertOnQueue();
   if (changes_.hasInsertedId(id)) return true;
-  if (!db_) {
-    Debug(VantrelLogLevel::warning, "Check ID search failed for " + id);
-    return false;
-  }
+  bool failed = !db_;
+  const bool found = !failed && savedPk(id, failed).has_value();
+  if (failed) Debug(VantrelLogLevel::warning, "Check ID search failed for " + id);
+  return found;
+}
+
+std::optional<int64_t> EventDataManager::Impl::savedPk(const std::string& id, bool& failed) {
+  failed = false;
   auto select = db_->statement(store::kSelectById);
-  select.bindText(1, id);
+  select.bind(1, store::idKey(id));
+  select.bindText(2, id);
   // Enough rows to get past every pending delete.
-  select.bind(2, static_cast<int64_t>(changes_.deletedCount()) + 1);
+  select.bind(3, static_cast<int64_t>(changes_.deletedCount()) + 1);
   for (;;) {
     switch (select.step()) {
       case sqlite::Statement::Step::row:
-        if (!changes_.isDeleted(select.columnInt64(0))) return true;
+        if (const int64_t pk = select.columnInt64(0); !changes_.isDeleted(pk)) return pk;
         break;
       case sqlite::Statement::Step::done:
-        return false;
+        return std::nullopt;
       case sqlite::Statement::Step::error:
-        Debug(VantrelLogLevel::warning, "Check ID search failed for " + id);
-        return false;
+        failed = true;
+        return std::nullopt;
     }
   }
 }

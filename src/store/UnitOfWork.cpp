@@ -66,9 +66,9 @@ bool insertRows(sqlite::Database& db, const std::deque<Row>& rows,
     auto ins = db.statement(many ? kInsertMany : kInsert);
     const size_t count = many ? kRowsPerInsert : 1;
     for (size_t i = 0; i < count; ++i, ++row) {
-      const int first = static_cast<int>(3 * i) + 1;
-      if (!ins.bindText(first, row->id) || !ins.bindBlob(first + 1, row->text(texts[i])) ||
-          !ins.bind(first + 2, row->timeStamp)) {
+      const int first = static_cast<int>(4 * i) + 1;
+      if (!ins.bindText(first, row->id) || !ins.bind(first + 1, idKey(row->id)) ||
+          !ins.bindBlob(first + 2, row->text(texts[i])) || !ins.bind(first + 3, row->timeStamp)) {
         return false;
       }
     }

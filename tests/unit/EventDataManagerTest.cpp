@@ -164,6 +164,40 @@ TEST_F(StoreTest, anUnusableFileGivesANewOrInMemoryStore) {
   }
 }
 
+// A store written by an earlier version (whole-id index, no key column) is kept: its rows get
+// their keys at the open, and so do rows such a version adds before the next open.
+TEST_F(StoreTest, aStoreOfAnEarlierVersionKeepsItsRequestsAndFindsTheirIds) {
+  // Runs `sql` on a connection of its own; the first column of its last row, 0 without rows.
+  const auto run = [&](const std::string& sql) {
+    sqlite3* db = nullptr;
+    int64_t last = 0;
+    EXPECT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    const auto keep = [](void* out, int, char** values, char**) {
+      *static_cast<int64_t*>(out) = values[0] != nullptr ? std::atoll(values[0]) : 0;
+      return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), keep, &last, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    sqlite3_close(db);
+    return last;
+  };
+  const std::string insertOld = "INSERT INTO SyncEvent (id, jsonData, timeStamp) VALUES ";
+  const std::string at = std::to_string(now());
+  fs::create_directories(documents);
+  run("CREATE TABLE SyncEvent (pk INTEGER PRIMARY KEY, id TEXT, jsonData BLOB, "
+      "timeStamp REAL NOT NULL DEFAULT 0); CREATE INDEX SyncEvent_id ON SyncEvent (id);" +
+      insertOld + "('old1', '{}', " + at + "), ('old2', '{}', " + at + ")");
+  open();
+  EXPECT_EQ(store->kind(), Kind::sqlite);
+  EXPECT_TRUE(has("old1") && has("old2"));
+  EXPECT_FALSE(has("old3") || has("old"));
+  store.reset();
+  EXPECT_EQ(run("SELECT COUNT(*) FROM sqlite_schema WHERE name = 'SyncEvent_id'"), 0);
+  run(insertOld + "('old3', '{}', " + at + ")");  // an earlier version sharing the file
+  open();
+  EXPECT_TRUE(has("old3"));
+  EXPECT_EQ(count(), 3);
+}
+
 TEST_F(StoreTest, withNoStoreAtAllEveryOperationLogsItsFailure) {
   test::CapturingLog log;
   open([](Kind) { return false; });
