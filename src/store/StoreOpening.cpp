@@ -27,11 +27,12 @@ bool prepareStoreFile(const std::filesystem::path& path) {
   return true;
 }
 
+// vntr_id_key(id) in SQL, for filling the keys of rows an earlier version wrote.
 void idKeyFunction(sqlite3_context* context, int, sqlite3_value** args) {
   const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(args[0]));
   const int size = sqlite3_value_bytes(args[0]);
-  sqlite3_result_int64(context, idKey(std::string_view(text != nullptr ? text : "",
-                                                       text != nullptr ? size : 0)));
+  sqlite3_result_int64(
+      context, idKey(std::string_view(text != nullptr ? text : "", text != nullptr ? size : 0)));
 }
 
 // Whether rows lack their id key: 1 when some do, 0 when none do, -1 when the table has no key
@@ -59,7 +60,8 @@ bool addIdKeys(sqlite::Database& db) {
   const int state = rowsWithoutIdKey(db);
   if (state == 0) return db.exec("COMMIT");
   if ((state > 0 || db.exec(kAddIdKey)) && db.exec(kFillIdKeys) && db.exec("COMMIT")) {
-    Debug(VantrelLogLevel::info, "Event store: gave the requests of an earlier version their id keys");
+    Debug(VantrelLogLevel::info,
+          "Event store: gave the requests of an earlier version their id keys");
     return true;
   }
   db.exec("ROLLBACK");

@@ -25,7 +25,8 @@ inline constexpr const char* kCreateIdKeyIndex =
 // has that index and rows without a key.
 inline constexpr const char* kAddIdKey = "ALTER TABLE SyncEvent ADD COLUMN idKey INTEGER";
 inline constexpr const char* kDropWholeIdIndex = "DROP INDEX IF EXISTS SyncEvent_id";
-inline constexpr const char* kAnyWithoutIdKey = "SELECT 1 FROM SyncEvent WHERE idKey IS NULL LIMIT 1";
+inline constexpr const char* kAnyWithoutIdKey =
+    "SELECT 1 FROM SyncEvent WHERE idKey IS NULL LIMIT 1";
 inline constexpr const char* kFillIdKeys =
     "UPDATE SyncEvent SET idKey = vntr_id_key(id) WHERE idKey IS NULL";
 
@@ -55,9 +56,9 @@ inline std::string repeated(std::string_view head, std::string_view item, std::s
 }
 // Built once and never freed: statements are cached by the address of their text.
 inline const std::string& insertManyText() {
-  static const auto* const text = new std::string(repeated(
-      "INSERT INTO SyncEvent (id, idKey, jsonData, timeStamp) VALUES ", "(?,?,?,?)", "",
-      kRowsPerInsert));
+  static const auto* const text =
+      new std::string(repeated("INSERT INTO SyncEvent (id, idKey, jsonData, timeStamp) VALUES ",
+                               "(?,?,?,?)", "", kRowsPerInsert));
   return *text;
 }
 inline const std::string& deleteManyText() {

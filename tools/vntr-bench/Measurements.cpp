@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <string_view>
 #include <latch>
 #include <numeric>
+#include <string_view>
 #include <vntr/VNTRTagManager.hpp>
 
 #include "Runtime.hpp"
