@@ -35,33 +35,34 @@ int64_t queuedRequests() {
   return count;
 }
 
-ProcStatus::ProcStatus() {
-  const int fd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  const ssize_t n = ::read(fd, text_, sizeof text_ - 1);
+namespace {
+
+// One read of a small /proc file into `text`; the bytes read, 0 when it cannot be read.
+size_t readProcFile(const char* path, char* text, size_t size) {
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  const ssize_t n = ::read(fd, text, size);
   ::close(fd);
-  text_[n > 0 ? n : 0] = '\0';
+  return n > 0 ? static_cast<size_t>(n) : 0;
+}
+
+// The first line of a small /proc file, without its newline; empty when it cannot be read.
+std::string firstLine(const std::string& path) {
+  char text[128];
+  const std::string_view read(text, readProcFile(path.c_str(), text, sizeof text));
+  return std::string(read.substr(0, read.find('\n')));
+}
+
+}  // namespace
+
+ProcStatus::ProcStatus() {
+  text_[readProcFile("/proc/self/status", text_, sizeof text_ - 1)] = '\0';
 }
 
 int64_t ProcStatus::kib(const char* key) const {
   const char* at = std::strstr(text_, key);
   return at != nullptr ? std::atoll(at + std::strlen(key)) : -1;
 }
-
-namespace {
-
-// The first line of a small /proc file, without its newline; empty when it cannot be read.
-std::string firstLine(const std::string& path) {
-  char text[128];
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return {};
-  const ssize_t n = ::read(fd, text, sizeof text);
-  ::close(fd);
-  const std::string_view read(text, n > 0 ? static_cast<size_t>(n) : 0);
-  return std::string(read.substr(0, read.find('\n')));
-}
-
-}  // namespace
 
 // Plain system calls: it runs before the peak is read, and file streams would map libstdc++'s
 // stream and locale code into the measured process.
