@@ -18,6 +18,7 @@
 #include "model/VNTREventFilter.hpp"
 #include "model/VNTRGetEvents.hpp"
 #include "model/VNTRSyncEvent.hpp"
+#include "platform/linux/Files.hpp"
 #include "store/EventDataManager.hpp"
 #include "transport/BatchLock.hpp"
 #include "transport/HTTPClient.hpp"
@@ -291,8 +292,8 @@ VNTRRequester& Runtime::requester() {
     // Without a directory the queue lives in memory and is this process's alone.
     auto batchLock = paths_.documentsDirectory.empty()
                          ? nullptr
-                         : std::make_shared<BatchLock>(paths_.documentsDirectory /
-                                                       "requests_Data.sqlite-batchlock");
+                         : std::make_shared<BatchLock>(joinPath(paths_.documentsDirectory,
+                                                                "requests_Data.sqlite-batchlock"));
     requester_ = std::make_shared<VNTRRequester>(
         *mainQueue_, events, reach, httpClient_, std::move(makeGetEvents),
         [] { return VNTRPreferences::sharedPreferences().serverURL(); }, retryBackoff_,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -71,6 +72,9 @@ class VNTR_API UserDefaults {
 
  private:
   struct Impl;
+  // The standard store's: its path is already text, and making a std::filesystem::path of it
+  // would map that part of libstdc++ into hosts that never use it.
+  UserDefaults(std::string file, std::nullptr_t);
   void write(const std::string& key, std::optional<Value> value);
   std::unique_ptr<Impl> impl_;
 };

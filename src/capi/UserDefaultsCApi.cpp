@@ -14,10 +14,9 @@ namespace {
 using vntr::capi::guarded;
 using vntr::capi::validText;
 
-vntr_status_t setPath(const char* path, bool (*setter)(std::filesystem::path)) {
+vntr_status_t setPath(const char* path, bool (*setter)(std::string)) {
   if (!validText(path) || *path == '\0') return VNTR_INVALID_ARGUMENT;
-  return guarded(
-      [&] { return setter(std::filesystem::path(path)) ? VNTR_OK : VNTR_INVALID_ARGUMENT; });
+  return guarded([&] { return setter(std::string(path)) ? VNTR_OK : VNTR_INVALID_ARGUMENT; });
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ Settings& settings() {
   return *instance;
 }
 
-bool setOverride(std::filesystem::path ProcessPaths::*member, std::filesystem::path value) {
+bool setOverride(std::string ProcessPaths::*member, std::string value) {
   if (value.empty()) return false;
   auto& s = settings();
   std::scoped_lock lock(s.mutex);
@@ -41,14 +41,14 @@ bool setOverride(std::filesystem::path ProcessPaths::*member, std::filesystem::p
 // one else can plant a file that grants consent. Returns the line to log, if any.
 std::optional<std::string> distrustForeignFallback(ProcessPaths& paths, const std::string& app) {
   const auto fallback = fallbackDirectory(app);
-  if (paths.documentsDirectory != fallback && paths.userDefaultsFile.parent_path() != fallback) {
+  if (paths.documentsDirectory != fallback && parentPath(paths.userDefaultsFile) != fallback) {
     return std::nullopt;
   }
   const auto reason = claimPrivateDirectory(fallback);
   if (!reason) return std::nullopt;
   if (paths.documentsDirectory == fallback) paths.documentsDirectory.clear();
-  if (paths.userDefaultsFile.parent_path() == fallback) paths.userDefaultsFile.clear();
-  return "Not using " + fallback.string() + " because " + *reason +
+  if (parentPath(paths.userDefaultsFile) == fallback) paths.userDefaultsFile.clear();
+  return "Not using " + fallback + " because " + *reason +
          ". Events are kept in memory and user defaults are not saved.";
 }
 
@@ -71,15 +71,15 @@ ProcessPaths resolve(ProcessPaths paths, std::optional<std::string>& warning) {
 
 }  // namespace
 
-bool setMainBundlePath(std::filesystem::path directory) {
+bool setMainBundlePath(std::string directory) {
   return setOverride(&ProcessPaths::mainBundleDirectory, std::move(directory));
 }
 
-bool setDocumentsDirectory(std::filesystem::path directory) {
+bool setDocumentsDirectory(std::string directory) {
   return setOverride(&ProcessPaths::documentsDirectory, std::move(directory));
 }
 
-bool setUserDefaultsPath(std::filesystem::path file) {
+bool setUserDefaultsPath(std::string file) {
   return setOverride(&ProcessPaths::userDefaultsFile, std::move(file));
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -37,7 +36,7 @@ class DeviceFactsSource {
 };
 
 /// The facts of this Linux machine and of the app in `mainBundleDirectory`.
-std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::filesystem::path mainBundleDirectory);
+std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::string mainBundleDirectory);
 
 /// The device and app facts sent with every request. Each value is computed at its first read,
 /// once (thread-safe one-time initialisation per value), and never changes afterwards; every

@@ -32,9 +32,8 @@ std::optional<UserDefaults::Value> valueFromJSON(const nlohmann::json& json) {
 }
 
 /// Nothing when the file is absent; an error text when it exists but cannot be used.
-std::pair<Values, std::optional<std::string>> load(const std::filesystem::path& file) {
-  std::error_code ec;
-  if (!std::filesystem::exists(file, ec) && !ec) return {};
+std::pair<Values, std::optional<std::string>> load(const std::string& file) {
+  if (isMissing(file)) return {};
   const auto bytes = readFileBounded(file, kMaxFileBytes);
   if (!bytes) return {{}, "it cannot be read"};
   const auto json = nlohmann::json::parse(*bytes, nullptr, /*allow_exceptions=*/false);
@@ -65,9 +64,9 @@ struct UserDefaults::Impl {
     std::shared_ptr<const Observer> observer;
   };
 
-  explicit Impl(std::filesystem::path path) : file(std::move(path)) {}
+  explicit Impl(std::string path) : file(std::move(path)) {}
 
-  const std::filesystem::path file;
+  const std::string file;
   mutable std::mutex mutex;
   Values values;
   std::map<uint64_t, Registration> observers;  // ordered by token: registration order
@@ -75,16 +74,18 @@ struct UserDefaults::Impl {
 };
 
 UserDefaults& UserDefaults::standardUserDefaults() {
-  static UserDefaults* const instance = new UserDefaults(processPaths().userDefaultsFile);
+  static UserDefaults* const instance = new UserDefaults(processPaths().userDefaultsFile, nullptr);
   return *instance;  // never destroyed: observers and library threads use it until exit
 }
 
-UserDefaults::UserDefaults(std::filesystem::path file)
+UserDefaults::UserDefaults(std::filesystem::path file) : UserDefaults(file.string(), nullptr) {}
+
+UserDefaults::UserDefaults(std::string file, std::nullptr_t)
     : impl_(std::make_unique<Impl>(std::move(file))) {
   auto [values, error] = load(impl_->file);
   impl_->values = std::move(values);
   if (error) {
-    Debug(VantrelLogLevel::error, "Unable to load the user defaults from " + impl_->file.string() +
+    Debug(VantrelLogLevel::error, "Unable to load the user defaults from " + impl_->file +
                                       " because " + *error +
                                       ". Starting with empty user defaults.");
   }
@@ -160,8 +161,8 @@ void UserDefaults::write(const std::string& key, std::optional<Value> value) {
     }
   }
   if (saveError) {
-    Debug(VantrelLogLevel::error, "Unable to save the user defaults to " + impl_->file.string() +
-                                      ": " + *saveError + ". The change is kept in memory only.");
+    Debug(VantrelLogLevel::error, "Unable to save the user defaults to " + impl_->file + ": " +
+                                      *saveError + ". The change is kept in memory only.");
   }
   for (const auto& observer : toNotify) {
     try {

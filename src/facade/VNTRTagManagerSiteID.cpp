@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "core/VNTRDebug.hpp"
+#include "platform/linux/Files.hpp"
 #include "platform/linux/PropertyList.hpp"
 
 namespace vntr {
@@ -13,12 +14,9 @@ constexpr std::string_view kResourceName = "VantrelTagManagerSDKInfo";
 constexpr std::string_view kSiteIDKey = "VantrelSiteID";
 }  // namespace
 
-std::optional<std::string> loadSiteID(const std::filesystem::path& mainBundleDirectory) {
-  const std::string fileName = std::string(kResourceName) + ".plist";
-  const auto file = mainBundleDirectory / fileName;
-
-  std::error_code ec;
-  if (!std::filesystem::exists(file, ec)) {
+std::optional<std::string> loadSiteID(const std::string& mainBundleDirectory) {
+  const auto file = joinPath(mainBundleDirectory, std::string(kResourceName) + ".plist");
+  if (!pathExists(file)) {
     Debug(VantrelLogLevel::error,
           "The " + std::string(kResourceName) +
               ".plist file could not be found.  All events will be ignored.");

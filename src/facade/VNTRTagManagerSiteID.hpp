@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -11,6 +10,6 @@ namespace vntr {
 /// after one error line, when the file does not exist, cannot be read, is larger than 1 MiB, is
 /// not a dictionary of strings only, or lacks the key. Reads and logs on every call: the caller
 /// keeps the result for the life of the process, so each line appears once. Safe on any thread.
-std::optional<std::string> loadSiteID(const std::filesystem::path& mainBundleDirectory);
+std::optional<std::string> loadSiteID(const std::string& mainBundleDirectory);
 
 }  // namespace vntr

@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "core/VNTRDebug.hpp"
+#include "platform/linux/Files.hpp"
 
 namespace vntr {
 namespace {
@@ -82,11 +83,11 @@ std::string errnoText(int error) {
 
 // An unnamed file in `directory`: nobody else can open it, and its space goes back to the file
 // system when the process ends, however it ends.
-int openSpillFile(const std::filesystem::path& directory) {
+int openSpillFile(const std::string& directory) {
   int fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
   // A file system without unnamed files: a named one, removed at once.
-  std::string name = (directory / "requests_Data.sqlite-intake-XXXXXX").string();
+  std::string name = joinPath(directory, "requests_Data.sqlite-intake-XXXXXX");
   fd = ::mkostemp(name.data(), O_CLOEXEC);
   if (fd >= 0) ::unlink(name.c_str());
   return fd;
@@ -122,7 +123,7 @@ void letGo(std::string& storage) { std::string().swap(storage); }
 
 }  // namespace
 
-PendingBuilds::PendingBuilds(std::filesystem::path spillDirectory)
+PendingBuilds::PendingBuilds(std::string spillDirectory)
     : spillDirectory_(std::move(spillDirectory)) {}
 
 PendingBuilds::~PendingBuilds() {

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -35,7 +34,7 @@ class PendingBuilds {
   static constexpr size_t kMemoryChunks = 2;
 
   /// With an empty `spillDirectory` every waiting call stays in memory.
-  explicit PendingBuilds(std::filesystem::path spillDirectory = {});
+  explicit PendingBuilds(std::string spillDirectory = {});
   ~PendingBuilds();
   PendingBuilds(const PendingBuilds&) = delete;
   PendingBuilds& operator=(const PendingBuilds&) = delete;
@@ -70,7 +69,7 @@ class PendingBuilds {
   // file would not give it back.
   bool readBack(const Chunk& chunk);
 
-  const std::filesystem::path spillDirectory_;
+  const std::string spillDirectory_;
   std::mutex mutex_;
   std::deque<Chunk> chunks_;  // oldest first; the last one, when in memory, is being filled
   size_t fullInMemory_ = 0;   // chunks in memory before the last one

@@ -33,7 +33,7 @@ std::string describe(const sqlite::Error& error) {
 
 }  // namespace
 
-void EventDataManager::Impl::open(const std::filesystem::path& documentsDirectory,
+void EventDataManager::Impl::open(const std::string& documentsDirectory,
                                   const AttemptFilter& allowed) {
   auto opened = store::openStore(documentsDirectory, allowed);
   db_ = std::move(opened.db);
@@ -221,8 +221,7 @@ void EventDataManager::Impl::abandonAfterFork() {
 
 // --- EventDataManager ---
 
-EventDataManager::EventDataManager(std::filesystem::path documentsDirectory,
-                                   std::shared_ptr<Executor> queue,
+EventDataManager::EventDataManager(std::string documentsDirectory, std::shared_ptr<Executor> queue,
                                    std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter)
     : impl_(std::make_shared<Impl>(std::move(queue), std::move(clock))) {
   // Opening runs SQLite's quick_check over the whole file and the trim may delete thousands of

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -45,7 +44,7 @@ class EventDataManager {
   /// Returns at once: the first task it posts to `queue` runs the fallback chain on
   /// `documentsDirectory`/"requests_Data.sqlite" (the directory is created when missing), then
   /// the start-up trim, so every later task finds the store open.
-  EventDataManager(std::filesystem::path documentsDirectory, std::shared_ptr<Executor> queue,
+  EventDataManager(std::string documentsDirectory, std::shared_ptr<Executor> queue,
                    std::shared_ptr<const Clock> clock, AttemptFilter attemptFilter = {});
   /// Waits for the work already queued (performAndWait on the queue), saves what is still
   /// pending and closes the connection on the queue. Process-wide instances never get here.

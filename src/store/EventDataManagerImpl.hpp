@@ -23,7 +23,7 @@ class EventDataManager::Impl : public std::enable_shared_from_this<EventDataMana
   Impl(std::shared_ptr<Executor> queue, std::shared_ptr<const Clock> clock)
       : queue_(std::move(queue)), clock_(std::move(clock)) {}
 
-  void open(const std::filesystem::path& documentsDirectory, const AttemptFilter& allowed);
+  void open(const std::string& documentsDirectory, const AttemptFilter& allowed);
   void close();
   void startupTrim();
   void runBatched(const Executor::Task& task);

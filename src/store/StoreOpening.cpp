@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "core/VNTRDebug.hpp"
+#include "platform/linux/Files.hpp"
 #include "store/StoreStatements.hpp"
 
 namespace vntr::store {
@@ -17,9 +18,8 @@ constexpr const char* kStoreFileName = "requests_Data.sqlite";
 
 // Creates the store file readable by the user only before SQLite opens it; SQLite gives its
 // -wal and -shm companions the same mode.
-bool prepareStoreFile(const std::filesystem::path& path) {
-  std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) return false;
+bool prepareStoreFile(const std::string& path) {
+  if (isDirectory(path)) return false;
   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return false;
   (void)::fchmod(fd, 0600);
@@ -113,22 +113,19 @@ bool prepareDatabase(sqlite::Database& db, bool onDisk) {
 
 // Deletes the broken store file. Its -wal, -shm and -journal companions go too: a stale
 // write-ahead log would otherwise be replayed into the new, empty database.
-bool deleteStoreFile(const std::filesystem::path& path) {
-  std::error_code ec;
-  const auto status = std::filesystem::symlink_status(path, ec);
-  if (ec || !std::filesystem::exists(status) || std::filesystem::is_directory(status)) {
-    return false;
-  }
-  if (!std::filesystem::remove(path, ec) || ec) return false;
+bool deleteStoreFile(const std::string& path) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) return false;
+  if (::unlink(path.c_str()) != 0) return false;
   for (const char* suffix : {"-wal", "-shm", "-journal"}) {
-    std::filesystem::remove(path.string() + suffix, ec);
+    (void)::unlink((path + suffix).c_str());
   }
   return true;
 }
 
 // One step of the chain. `lockedByOther` tells the caller the step failed on another
 // connection's lock rather than on the file.
-bool attempt(StoreKind kind, const std::filesystem::path& path,
+bool attempt(StoreKind kind, const std::string& path,
              const EventDataManager::AttemptFilter& allowed, OpenedStore& out,
              bool& lockedByOther) {
   lockedByOther = false;
@@ -136,13 +133,12 @@ bool attempt(StoreKind kind, const std::filesystem::path& path,
   const bool onDisk = kind != StoreKind::memory;
   if (onDisk && !prepareStoreFile(path)) return false;
   sqlite::Error error;
-  auto db = onDisk
-                ? sqlite::Database::open(
-                      path.string(),
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, error)
-                : sqlite::Database::open(
-                      ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                      error);
+  auto db =
+      onDisk ? sqlite::Database::open(
+                   path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, error)
+             : sqlite::Database::open(
+                   ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                   error);
   if (!db) return false;
   const auto fail = [&] {
     const int code = db->lastError().code;
@@ -157,16 +153,17 @@ bool attempt(StoreKind kind, const std::filesystem::path& path,
 
 }  // namespace
 
-OpenedStore openStore(const std::filesystem::path& documentsDirectory,
+OpenedStore openStore(const std::string& documentsDirectory,
                       const EventDataManager::AttemptFilter& allowed) {
   OpenedStore out;
   bool lockedByOther = false;
   // No directory: there was no private place on disk for the queue (see processPaths).
-  const auto path =
-      documentsDirectory.empty() ? documentsDirectory : documentsDirectory / kStoreFileName;
+  const auto path = documentsDirectory.empty() ? documentsDirectory
+                                               : joinPath(documentsDirectory, kStoreFileName);
   if (!path.empty()) {
-    std::error_code ec;
-    std::filesystem::create_directories(documentsDirectory, ec);
+    // Made again if something removed it since the library's first use; a failure shows at
+    // the open below.
+    (void)createPrivateDirectories(documentsDirectory);
     if (attempt(StoreKind::sqlite, path, allowed, out, lockedByOther)) return out;
     Debug(VantrelLogLevel::error,
           "Failed to initialize the event store.  Attempting to create new store.");

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
+#include <string>
 
 #include "store/EventDataManager.hpp"
 #include "store/Sqlite.hpp"
@@ -19,7 +19,7 @@ struct OpenedStore {
 /// unless another process holds it locked, a fresh file after deleting the broken one; else an
 /// in-memory database; else nothing. Each step down is logged. Runs on the thread that will own
 /// the connection.
-OpenedStore openStore(const std::filesystem::path& documentsDirectory,
+OpenedStore openStore(const std::string& documentsDirectory,
                       const EventDataManager::AttemptFilter& allowed);
 
 }  // namespace vntr::store

@@ -35,7 +35,7 @@ struct BatchLockRegistry {
   }
 };
 
-BatchLock::BatchLock(std::filesystem::path file) : file_(std::move(file)) {
+BatchLock::BatchLock(std::string file) : file_(std::move(file)) {
   auto& registry = BatchLockRegistry::instance();
   std::scoped_lock lock(registry.mutex);
   registry.locks.insert(this);
@@ -55,7 +55,7 @@ bool BatchLock::tryAcquire() {
   // Opened once and kept: a batch then costs one flock call each way, not an open and a close.
   if (fd_ < 0) fd_ = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd_ < 0) {
-    Debug(VantrelLogLevel::warning, "Unable to open the batch lock " + file_.string() + ": " +
+    Debug(VantrelLogLevel::warning, "Unable to open the batch lock " + file_ + ": " +
                                         std::strerror(errno) + "; sending without it");
     return true;
   }
@@ -72,7 +72,7 @@ bool BatchLock::tryAcquire() {
     Debug(VantrelLogLevel::verbose, "Another process is sending this queue; retrying later");
     return false;
   }
-  Debug(VantrelLogLevel::warning, "Unable to take the batch lock " + file_.string() + ": " +
+  Debug(VantrelLogLevel::warning, "Unable to take the batch lock " + file_ + ": " +
                                       std::strerror(error) + "; sending without it");
   return true;
 }

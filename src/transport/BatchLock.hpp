@@ -1,7 +1,7 @@
 #pragma once
 
-#include <filesystem>
 #include <mutex>
+#include <string>
 
 namespace vntr {
 
@@ -15,7 +15,7 @@ namespace vntr {
 class BatchLock {
  public:
   /// `file` is created (mode 0600) at the first `tryAcquire`.
-  explicit BatchLock(std::filesystem::path file);
+  explicit BatchLock(std::string file);
   ~BatchLock();
   BatchLock(const BatchLock&) = delete;
   BatchLock& operator=(const BatchLock&) = delete;
@@ -31,7 +31,7 @@ class BatchLock {
   friend struct BatchLockRegistry;
   void abandonInChild();
 
-  const std::filesystem::path file_;
+  const std::string file_;
   std::mutex mutex_;
   int fd_ = -1;        // guarded by mutex_; the lock file, open from the first tryAcquire
   bool held_ = false;  // guarded by mutex_; this process holds the lock

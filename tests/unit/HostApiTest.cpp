@@ -47,7 +47,7 @@ TEST(HostSiteID, isUsedOnlyWhenThePropertyListGivesNoneAndItsLinesStay) {
     CapturingLog log;
     test::Harness h({.siteId = c.plist == Plist::valid, .hostSiteId = c.host});
     if (c.plist == Plist::withoutKey) {
-      std::ofstream(h.runtime->paths().mainBundleDirectory / "VantrelTagManagerSDKInfo.plist")
+      std::ofstream(h.runtime->paths().mainBundleDirectory + "/VantrelTagManagerSDKInfo.plist")
           << "<plist version=\"1.0\"><dict><key>Other</key><string>x</string></dict></plist>";
     }
     EXPECT_EQ(h.runtime->siteID(), c.expected);
@@ -97,8 +97,24 @@ TEST(Paths, xdgDirectoriesWithTheirFallbacks) {
   EXPECT_EQ(defaultUserDefaultsFile("app", homeOnly), "/home/u/.config/app/UserDefaults.json");
   const auto home = homeDirectory(fakeEnvironment({}));
   EXPECT_EQ(defaultDocumentsDirectory("app", fakeEnvironment({})),
-            home ? *home / ".local/share/app"
-                 : std::filesystem::path("/tmp/app-" + std::to_string(::getuid())));
+            home ? *home + "/.local/share/app" : "/tmp/app-" + std::to_string(::getuid()));
+}
+
+// The library joins and splits paths as text; it must agree with std::filesystem on them.
+TEST(Paths, textPathsAgreeWithStdFilesystem) {
+  for (const char* text : {"", "a", "/", "/a", "a/b", "/a/b/", "a//b", "/tmp/x-1/f.json"}) {
+    SCOPED_TRACE(text);
+    const std::filesystem::path path(text);
+    EXPECT_EQ(parentPath(text), path.parent_path().string());
+    EXPECT_EQ(lastPathComponent(text), path.filename().string());
+  }
+  for (const auto& [directory, name] :
+       {std::pair{"", "f"}, {"/", "f"}, {"/a", "f"}, {"/a/", "f"}, {"a", "b/c"}}) {
+    EXPECT_EQ(joinPath(directory, name), (std::filesystem::path(directory) / name).string());
+  }
+  const auto self = std::filesystem::read_symlink("/proc/self/exe");
+  EXPECT_EQ(runningExecutable().directory, self.parent_path().string());
+  EXPECT_EQ(runningExecutable().name, self.filename().string());
 }
 
 TEST(Paths, appNameIsTheBundleIdentifierWhenItIsASafeDirectoryName) {

@@ -11,6 +11,7 @@
 #include "Commands.hpp"
 #include "Runtime.hpp"
 #include "core/MainQueue.hpp"
+#include "platform/linux/Files.hpp"
 #include "store/EventDataManager.hpp"
 #include "transport/VNTRRequester.hpp"
 
@@ -123,7 +124,7 @@ int runFire(const FireOptions& options) {
   // The request is built and saved on the store queue; its count waits for that work.
   int64_t queued = queuedRequests();
   flushLogLines();
-  const auto file = Runtime::shared().paths().documentsDirectory / "requests_Data.sqlite";
+  const auto file = joinPath(Runtime::shared().paths().documentsDirectory, "requests_Data.sqlite");
   if (delegate->total(VNTRStatistic::eventCreated) == 0) {
     std::printf("not stored: the library refused the call (the log line above says why)\n");
     return kExitFailed;
@@ -143,7 +144,7 @@ int runFlush(const FlushOptions& options) {
   VNTRPreferences::sharedPreferences().setTagManagerDelegate(delegate);
   const auto start = Clock::now();
   const int64_t queued = queuedRequests();  // opens the queue (and trims it, as every start does)
-  const auto file = Runtime::shared().paths().documentsDirectory / "requests_Data.sqlite";
+  const auto file = joinPath(Runtime::shared().paths().documentsDirectory, "requests_Data.sqlite");
   flushLogLines();
   if (queued == 0) {
     std::printf("nothing to send: the queue in %s is empty\n", file.c_str());

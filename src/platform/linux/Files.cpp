@@ -49,7 +49,42 @@ bool writeAll(int fd, std::string_view bytes) {
 
 }  // namespace
 
-std::optional<std::string> readFileBounded(const std::filesystem::path& file, size_t maxBytes) {
+std::string joinPath(std::string_view directory, std::string_view name) {
+  std::string out(directory);
+  if (!out.empty() && out.back() != '/') out += '/';
+  out += name;
+  return out;
+}
+
+std::string parentPath(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return {};
+  const size_t end = path.find_last_not_of('/', slash);
+  if (end == std::string_view::npos) return "/";  // only the root is left
+  return std::string(path.substr(0, end + 1));
+}
+
+std::string_view lastPathComponent(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool pathExists(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0;
+}
+
+bool isMissing(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+std::optional<std::string> readFileBounded(const std::string& file, size_t maxBytes) {
   FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0) return std::nullopt;
   struct stat info {};
@@ -70,39 +105,35 @@ std::optional<std::string> readFileBounded(const std::filesystem::path& file, si
   return content;
 }
 
-std::optional<std::string> createPrivateDirectories(const std::filesystem::path& directory) {
+std::optional<std::string> createPrivateDirectories(const std::string& directory) {
   if (directory.empty()) return std::string("empty directory path");
-  std::error_code ec;
-  if (std::filesystem::is_directory(directory, ec)) return std::nullopt;
-  const auto parent = directory.parent_path();
+  if (isDirectory(directory)) return std::nullopt;
+  const auto parent = parentPath(directory);
   if (!parent.empty() && parent != directory) {
     if (auto error = createPrivateDirectories(parent)) return error;
   }
   if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-    return errnoText("cannot create " + directory.string(), errno);
+    return errnoText("cannot create " + directory, errno);
   }
-  if (!std::filesystem::is_directory(directory, ec)) {
-    return "not a directory: " + directory.string();
-  }
+  if (!isDirectory(directory)) return "not a directory: " + directory;
   return std::nullopt;
 }
 
-std::optional<std::string> writeFileAtomically(const std::filesystem::path& file,
-                                               std::string_view contents) {
-  const auto directory = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+std::optional<std::string> writeFileAtomically(const std::string& file, std::string_view contents) {
+  const auto parent = parentPath(file);
+  const std::string directory = parent.empty() ? "." : parent;
   if (auto error = createPrivateDirectories(directory)) return error;
 
   // Appended piece by piece: GCC 12 at -O3 wrongly reports `"." + std::string` as an
   // overlapping copy (-Wrestrict), which breaks the release build with warnings as errors.
   std::string tempName = ".";
-  tempName += file.filename().string();
+  tempName += lastPathComponent(file);
   tempName += ".XXXXXX";
-  std::string pattern = (directory / tempName).string();
+  const std::string pattern = joinPath(directory, tempName);
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   FileDescriptor fd(::mkostemp(name.data(), O_CLOEXEC));
-  if (fd.get() < 0)
-    return errnoText("cannot create a temporary file in " + directory.string(), errno);
+  if (fd.get() < 0) return errnoText("cannot create a temporary file in " + directory, errno);
   const std::string temporary(name.data());
 
   auto fail = [&temporary](const std::string& what) {
@@ -114,8 +145,7 @@ std::optional<std::string> writeFileAtomically(const std::filesystem::path& file
   if (!writeAll(fd.get(), contents)) return fail("cannot write " + temporary);
   if (::fsync(fd.get()) != 0) return fail("cannot flush " + temporary);
   if (::close(fd.release()) != 0) return fail("cannot close " + temporary);
-  if (::rename(temporary.c_str(), file.c_str()) != 0)
-    return fail("cannot replace " + file.string());
+  if (::rename(temporary.c_str(), file.c_str()) != 0) return fail("cannot replace " + file);
 
   // The rename is durable only once the directory entry itself reached the disk.
   FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -98,7 +98,7 @@ std::optional<std::string> osReleaseValue(std::string_view content, std::string_
 
 class LinuxDeviceFacts final : public DeviceFactsSource {
  public:
-  LinuxDeviceFacts(std::filesystem::path mainBundleDirectory, LinuxFactSources sources)
+  LinuxDeviceFacts(std::string mainBundleDirectory, LinuxFactSources sources)
       : mainBundleDirectory_(std::move(mainBundleDirectory)), sources_(std::move(sources)) {}
 
   std::string idfa() override { return VNTRInfo::kZeroUUID; }
@@ -156,18 +156,18 @@ class LinuxDeviceFacts final : public DeviceFactsSource {
   }
 
  private:
-  const std::filesystem::path mainBundleDirectory_;
+  const std::string mainBundleDirectory_;
   const LinuxFactSources sources_;
 };
 
 }  // namespace
 
-std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::filesystem::path mainBundleDirectory,
+std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::string mainBundleDirectory,
                                                         LinuxFactSources sources) {
   return std::make_shared<LinuxDeviceFacts>(std::move(mainBundleDirectory), std::move(sources));
 }
 
-std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::filesystem::path mainBundleDirectory) {
+std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::string mainBundleDirectory) {
   return makeLinuxDeviceFacts(std::move(mainBundleDirectory), LinuxFactSources{});
 }
 

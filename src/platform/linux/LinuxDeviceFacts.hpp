@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,9 +14,9 @@ namespace vntr {
 /// Where the Linux facts are read from; the defaults are the system's files and environment.
 /// Tests point them at files of their own.
 struct LinuxFactSources {
-  std::filesystem::path machineIdFile = "/etc/machine-id";
-  std::filesystem::path productNameFile = "/sys/class/dmi/id/product_name";
-  std::vector<std::filesystem::path> osReleaseFiles = {"/etc/os-release", "/usr/lib/os-release"};
+  std::string machineIdFile = "/etc/machine-id";
+  std::string productNameFile = "/sys/class/dmi/id/product_name";
+  std::vector<std::string> osReleaseFiles = {"/etc/os-release", "/usr/lib/os-release"};
   EnvironmentLookup environment = processEnvironment();
   /// What `idfv` is derived for; default: the bundle identifier, else the executable's name.
   std::optional<std::string> appIdentity;
@@ -33,7 +32,7 @@ struct LinuxFactSources {
 /// - hardware: uname machine. language: see `languageTagFromLocale`.
 /// - firstInstall: the birth time (statx) of the main bundle directory, when the file system
 ///   records one.
-std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::filesystem::path mainBundleDirectory,
+std::shared_ptr<DeviceFactsSource> makeLinuxDeviceFacts(std::string mainBundleDirectory,
                                                         LinuxFactSources sources);
 
 /// A locale name ("en_US.UTF-8", "de_DE@euro", "pt_BR") as a BCP-47 tag ("en-US", "de-DE",

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "platform/linux/Files.hpp"
 #include "platform/linux/PropertyList.hpp"
 
 namespace vntr {
@@ -17,28 +18,44 @@ namespace {
 
 constexpr const char* kDeletedSuffix = " (deleted)";
 
-std::optional<std::filesystem::path> absoluteVariable(const EnvironmentLookup& environment,
-                                                      const std::string& name) {
+std::optional<std::string> absoluteVariable(const EnvironmentLookup& environment,
+                                            const std::string& name) {
   auto value = environment(name);
   if (!value || value->empty() || value->front() != '/') return std::nullopt;
-  return std::filesystem::path(*value);
+  return value;
 }
 
-std::filesystem::path xdgDirectory(const std::string& variable, const char* homeRelative,
-                                   const std::string& appName,
-                                   const EnvironmentLookup& environment) {
-  if (auto base = absoluteVariable(environment, variable)) return *base / appName;
-  if (auto home = homeDirectory(environment)) return *home / homeRelative / appName;
+std::string xdgDirectory(const std::string& variable, const char* homeRelative,
+                         const std::string& appName, const EnvironmentLookup& environment) {
+  if (auto base = absoluteVariable(environment, variable)) return joinPath(*base, appName);
+  if (auto home = homeDirectory(environment)) {
+    return joinPath(joinPath(*home, homeRelative), appName);
+  }
   return fallbackDirectory(appName);
+}
+
+// The target of a symbolic link; nothing when it cannot be read.
+std::optional<std::string> linkTarget(const char* link) {
+  std::string target(256, '\0');
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    const ssize_t n = ::readlink(link, target.data(), target.size());
+    if (n < 0) return std::nullopt;
+    if (static_cast<size_t>(n) < target.size()) {
+      target.resize(static_cast<size_t>(n));
+      return target;
+    }
+    target.resize(target.size() * 4);  // possibly cut off: try again with more room
+  }
+  return std::nullopt;
 }
 
 }  // namespace
 
-std::filesystem::path fallbackDirectory(const std::string& appName) {
-  return std::filesystem::path("/tmp") / (appName + "-" + std::to_string(::getuid()));
+std::string fallbackDirectory(const std::string& appName) {
+  return "/tmp/" + appName + "-" + std::to_string(::getuid());
 }
 
-std::optional<std::string> claimPrivateDirectory(const std::filesystem::path& directory) {
+std::optional<std::string> claimPrivateDirectory(const std::string& directory) {
   if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
     return std::string("it cannot be created: ") + std::strerror(errno);
   }
@@ -65,24 +82,21 @@ EnvironmentLookup processEnvironment() {
 }
 
 ExecutableLocation runningExecutable() {
-  std::error_code ec;
-  auto target = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (!ec && !target.empty()) {
+  if (auto target = linkTarget("/proc/self/exe"); target && !target->empty()) {
     // A program whose file was replaced while running (an update) still reports its old path.
-    std::string text = target.string();
-    const std::string suffix = kDeletedSuffix;
-    if (text.size() > suffix.size() && text.ends_with(suffix)) {
-      text.resize(text.size() - suffix.size());
-      target = text;
+    const std::string_view suffix = kDeletedSuffix;
+    if (target->size() > suffix.size() && target->ends_with(suffix)) {
+      target->resize(target->size() - suffix.size());
     }
-    return {target.parent_path(), target.filename().string()};
+    return {parentPath(*target), std::string(lastPathComponent(*target))};
   }
-  auto current = std::filesystem::current_path(ec);
-  return {ec ? std::filesystem::path(".") : current, program_invocation_short_name};
+  char current[4096];
+  return {::getcwd(current, sizeof current) != nullptr ? current : ".",
+          program_invocation_short_name};
 }
 
-std::optional<std::string> bundleIdentifierIn(const std::filesystem::path& mainBundleDirectory) {
-  const auto entries = readPropertyListDictionary(mainBundleDirectory / "Info.plist");
+std::optional<std::string> bundleIdentifierIn(const std::string& mainBundleDirectory) {
+  const auto entries = readPropertyListDictionary(joinPath(mainBundleDirectory, "Info.plist"));
   if (!entries) return std::nullopt;
   const auto found = entries->find("CFBundleIdentifier");
   if (found == entries->end()) return std::nullopt;
@@ -100,7 +114,7 @@ std::string appNameFor(const std::optional<std::string>& bundleIdentifier,
   return "VNTRTagManager";
 }
 
-std::optional<std::filesystem::path> homeDirectory(const EnvironmentLookup& environment) {
+std::optional<std::string> homeDirectory(const EnvironmentLookup& environment) {
   if (auto home = absoluteVariable(environment, "HOME")) return home;
   long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
@@ -108,19 +122,20 @@ std::optional<std::filesystem::path> homeDirectory(const EnvironmentLookup& envi
   struct passwd* result = nullptr;
   if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &result) == 0 &&
       result != nullptr && result->pw_dir != nullptr && result->pw_dir[0] == '/') {
-    return std::filesystem::path(result->pw_dir);
+    return std::string(result->pw_dir);
   }
   return std::nullopt;
 }
 
-std::filesystem::path defaultDocumentsDirectory(const std::string& appName,
-                                                const EnvironmentLookup& environment) {
+std::string defaultDocumentsDirectory(const std::string& appName,
+                                      const EnvironmentLookup& environment) {
   return xdgDirectory("XDG_DATA_HOME", ".local/share", appName, environment);
 }
 
-std::filesystem::path defaultUserDefaultsFile(const std::string& appName,
-                                              const EnvironmentLookup& environment) {
-  return xdgDirectory("XDG_CONFIG_HOME", ".config", appName, environment) / "UserDefaults.json";
+std::string defaultUserDefaultsFile(const std::string& appName,
+                                    const EnvironmentLookup& environment) {
+  return joinPath(xdgDirectory("XDG_CONFIG_HOME", ".config", appName, environment),
+                  "UserDefaults.json");
 }
 
 }  // namespace vntr

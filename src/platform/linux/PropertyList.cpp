@@ -258,8 +258,7 @@ bool safeForLibplist(std::string_view bytes) {
 
 }  // namespace
 
-std::optional<PropertyListDictionary> readPropertyListDictionary(
-    const std::filesystem::path& file) {
+std::optional<PropertyListDictionary> readPropertyListDictionary(const std::string& file) {
   const auto bytes = readFileBounded(file, kMaxPropertyListBytes);
   if (!bytes || bytes->empty() || !safeForLibplist(*bytes)) return std::nullopt;
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,6 +20,6 @@ using PropertyListDictionary = std::map<std::string, std::optional<std::string>>
 /// larger than `kMaxPropertyListBytes`, nests deeper than `kMaxPropertyListDepth`, holds U+0000
 /// in a key or string, is not a property list, or its root is not a dictionary. Never logs; safe
 /// on any thread, whatever its stack size.
-std::optional<PropertyListDictionary> readPropertyListDictionary(const std::filesystem::path& file);
+std::optional<PropertyListDictionary> readPropertyListDictionary(const std::string& file);
 
 }  // namespace vntr

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/SerialExecutor.hpp"
+#include "platform/linux/Files.hpp"
 
 namespace vntr {
 
@@ -125,7 +126,7 @@ Datagram receive(int fd, std::vector<uint64_t>& buffer) {
   return datagram;
 }
 
-std::optional<std::string> readSmallFile(const std::filesystem::path& path) {
+std::optional<std::string> readSmallFile(const std::string& path) {
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) return std::nullopt;
   std::string text(kMaxUeventBytes, '\0');
@@ -331,11 +332,11 @@ RouteMonitor::~RouteMonitor() {
   }
 }
 
-bool isWwanInterface(const std::string& name, int index,
-                     const std::filesystem::path& sysfsNetRoot) {
+bool isWwanInterface(const std::string& name, int index, const std::string& sysfsNetRoot) {
   if (nameDeclaresWwan(name)) return true;
   if (!isPlausibleInterfaceName(name)) return false;
-  const std::optional<std::string> uevent = readSmallFile(sysfsNetRoot / name / "uevent");
+  const std::optional<std::string> uevent =
+      readSmallFile(joinPath(joinPath(sysfsNetRoot, name), "uevent"));
   return uevent && ueventDeclaresWwan(*uevent, index);
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -57,6 +56,6 @@ class RouteMonitor {
 /// when its IFINDEX line still names `index`, so an interface that vanished or was renamed
 /// meanwhile (or a sysfs mounted for another network namespace) reads as not WWAN.
 bool isWwanInterface(const std::string& name, int index,
-                     const std::filesystem::path& sysfsNetRoot = "/sys/class/net");
+                     const std::string& sysfsNetRoot = "/sys/class/net");
 
 }  // namespace vntr
