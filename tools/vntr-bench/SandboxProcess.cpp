@@ -6,9 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 
 #include "PipeLines.hpp"
+#include "platform/linux/Files.hpp"
+#include "platform/linux/Paths.hpp"
 
 namespace vntr::bench {
 
@@ -17,16 +18,12 @@ namespace {
 using nlohmann::json;
 
 // The server program: beside this one, as the build and the packages place them.
-std::filesystem::path serverProgram() {
-  std::error_code ec;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
-  return (ec ? std::filesystem::path(".") : self.parent_path()) / "vntr-bench-server";
-}
+std::string serverProgram() { return joinPath(runningExecutable().directory, "vntr-bench-server"); }
 
 }  // namespace
 
 std::unique_ptr<SandboxHandle> SandboxHandle::start(int64_t batchIntervalMs) {
-  const std::string program = serverProgram().string();
+  const std::string program = serverProgram();
   const std::string interval = std::to_string(batchIntervalMs);
   int down[2] = {-1, -1};
   int up[2] = {-1, -1};

@@ -13,7 +13,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vntr/UserDefaults.hpp>
@@ -103,15 +102,15 @@ std::optional<Options> parse(int argc, char** argv) {
 
 // Points the process-wide library at `root` (site ID, data, user defaults), at host-reported
 // reachability starting from `flags`, and at the sandbox; consent is settled.
-bool configureLibrary(const std::filesystem::path& root, uint32_t flags, const std::string& url,
+bool configureLibrary(const std::string& root, uint32_t flags, const std::string& url,
                       const std::shared_ptr<BenchDelegate>& delegate) {
-  if (auto error = cli::writeSiteIdPlist(root / "bundle", "12345")) {
+  if (auto error = cli::writeSiteIdPlist(root + "/bundle", "12345")) {
     std::fprintf(stderr, "vntr-bench: %s\n", error->c_str());
     return false;
   }
-  if (!VNTRTagManager::setMainBundlePath((root / "bundle").string()) ||
-      !VNTRTagManager::setDocumentsDirectory((root / "documents").string()) ||
-      !VNTRTagManager::setUserDefaultsPath((root / "UserDefaults.json").string()) ||
+  if (!VNTRTagManager::setMainBundlePath(root + "/bundle") ||
+      !VNTRTagManager::setDocumentsDirectory(root + "/documents") ||
+      !VNTRTagManager::setUserDefaultsPath(root + "/UserDefaults.json") ||
       !VNTRTagManager::useHostReachability(flags)) {
     std::fprintf(stderr, "vntr-bench: the library was already in use\n");
     return false;

@@ -2,10 +2,14 @@
 
 #include <stdlib.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
-#include <fstream>
 
+#include "platform/linux/Files.hpp"
 #include "platform/linux/Paths.hpp"
 
 namespace vntr::cli {
@@ -20,10 +24,11 @@ int64_t CountingDelegate::total(VNTRStatistic statistic) const {
 }
 
 TemporaryDirectory::TemporaryDirectory(const std::string& prefix) {
-  std::error_code ec;
-  auto base = std::filesystem::temp_directory_path(ec);
-  if (ec) base = "/tmp";
-  std::string pattern = (base / (prefix + "-XXXXXX")).string();
+  // The tools make it before they start any thread.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe)
+  const char* base = std::getenv("TMPDIR");
+  const bool usable = base != nullptr && base[0] == '/';
+  std::string pattern = joinPath(usable ? base : "/tmp", prefix + "-XXXXXX");
   if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;  // mode 0700
 }
 
@@ -57,20 +62,22 @@ std::string escapeXML(const std::string& text) {
 
 }  // namespace
 
-std::optional<std::string> writeSiteIdPlist(const std::filesystem::path& directory,
+std::optional<std::string> writeSiteIdPlist(const std::string& directory,
                                             const std::string& siteId) {
-  std::error_code ec;
-  std::filesystem::create_directories(directory, ec);
-  if (ec) return "cannot create " + directory.string() + ": " + ec.message();
-  const auto file = directory / "VantrelTagManagerSDKInfo.plist";
-  std::ofstream out(file, std::ios::trunc);
-  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-         "<plist version=\"1.0\"><dict><key>VantrelSiteID</key><string>"
-      << escapeXML(siteId) << "</string></dict></plist>\n";
-  out.close();
-  if (!out) return "cannot write " + file.string();
+  if (auto error = createPrivateDirectories(directory)) return error;
+  const auto file = joinPath(directory, "VantrelTagManagerSDKInfo.plist");
+  const std::string contents =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+      "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+      "<plist version=\"1.0\"><dict><key>VantrelSiteID</key><string>" +
+      escapeXML(siteId) + "</string></dict></plist>\n";
+  // Text paths and stdio, not std::filesystem and a file stream: vntr-bench calls this before it
+  // measures, and those would map parts of libstdc++ the library never uses into its process.
+  std::FILE* out = std::fopen(file.c_str(), "w");
+  if (out == nullptr) return "cannot write " + file + ": " + std::strerror(errno);
+  const bool written = std::fputs(contents.c_str(), out) >= 0;
+  if (std::fclose(out) != 0 || !written) return "cannot write " + file;
   return std::nullopt;
 }
 

@@ -28,15 +28,15 @@ class TemporaryDirectory {
   ~TemporaryDirectory();
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  const std::filesystem::path& path() const { return path_; }
+  const std::string& path() const { return path_; }
 
  private:
-  std::filesystem::path path_;
+  std::string path_;
 };
 
 /// Writes "VantrelTagManagerSDKInfo.plist" with `siteId` into `directory` (created if missing).
 /// Returns the reason when it cannot.
-std::optional<std::string> writeSiteIdPlist(const std::filesystem::path& directory,
+std::optional<std::string> writeSiteIdPlist(const std::string& directory,
                                             const std::string& siteId);
 
 /// Where this program's request queue lives when no directory is given, worked out the way the
